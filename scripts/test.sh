@@ -5,8 +5,17 @@
 #   BUILD_DIR      build directory (default: build, or build-<sanitizers>)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
 san="${ORSM_SANITIZE:-}"
+if [ "$san" = thread ]; then
+  # ThreadSanitizer needs an OpenMP runtime that tells it about its
+  # synchronisation: clang's libomp with its Archer tool.
+  bash scripts/deps.sh clang libomp-14-dev
+  export CC=clang CXX=clang++
+  export OMP_TOOL_LIBRARIES=$(ls /usr/lib/llvm-*/lib/libarcher.so | tail -n 1)
+  export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp halt_on_error=1"
+else
+  bash scripts/deps.sh
+fi
 dir="${BUILD_DIR:-build${san:+-${san//,/-}}}"
 type=Release
 [ -n "$san" ] && type=RelWithDebInfo
