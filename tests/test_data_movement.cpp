@@ -203,6 +203,11 @@ TYPED_TEST(DataMovement, SingleExtractsAndVectorArrays) {
     Packed<T> vo(5);
     ASSERT_EQ(A::exVP(v.ctable(), v.shift(), vo.data(), 5), StatusOk);
     EXPECT_EQ(vo.get(4), T(4));
+    Operand<T> vs(Layout::S, {1, 5, 1, false, false});
+    vs.fill([](int, int, int c) { return T(c + 1); });
+    ASSERT_EQ(A::exV(vs.ptr(), vs.s2(), vo.data(), 5), StatusOk);
+    EXPECT_EQ(vo.get(4), T(5));
+    EXPECT_EQ(A::exV(vs.ptr(), 6, vo.data(), 5), StatusBadStride);
     for (Layout l : kLayouts) {
         Operand<T> va(l, {1, 3, 4, true, false});
         va.fill([](int k, int, int c) { return T(10 * k + c); });
