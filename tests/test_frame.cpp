@@ -159,3 +159,19 @@ TEST(Dispatcher, UnderTheLimitNoTeamIsFormed) {
     });
     EXPECT_EQ(calls, 1);
 }
+
+#include "kernels/isa.hpp"
+
+TEST(Isa, ForcingATargetAndBack) {
+    using namespace orsm::isa;
+    const Target was = current();
+    EXPECT_TRUE(supported(sse2));
+    EXPECT_TRUE(force(sse2));
+    EXPECT_EQ(current(), sse2);
+    EXPECT_FALSE(force(kTargets));  // no such target: nothing changes
+    EXPECT_EQ(current(), sse2);
+    for (int t = 0; t < kTargets; ++t) EXPECT_EQ(force(t), supported(Target(t)));
+    EXPECT_TRUE(force(-1));
+    EXPECT_EQ(current(), best());
+    if (was != best()) force(was);
+}

@@ -10,6 +10,11 @@
 
 #include "orsm.h"
 
+// Small helpers used inside kernels are always inlined: kernel sources are
+// compiled once per instruction set, and an out-of-line copy built with
+// AVX-512 flags must never be the one the baseline code links to.
+#define ORSM_INLINE inline __attribute__((always_inline))
+
 namespace orsm {
 
 using std::ptrdiff_t;
@@ -30,14 +35,14 @@ template <class T> using Plain = std::remove_const_t<T>;
 template <class T> constexpr int esize = Elem<Plain<T>>::size;
 
 // Address of the byte offset `off` from `base`, typed as T.
-template <class T> inline T* byte_off(T* base, ptrdiff_t off) {
+template <class T> ORSM_INLINE T* byte_off(T* base, ptrdiff_t off) {
     using Byte = std::conditional_t<std::is_const_v<T>, const char, char>;
     return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + off);
 }
 
 // Moves one element as its bit pattern: no arithmetic, so NaN payloads
 // (signalling ones too) and signed zeros pass unchanged.
-template <class T> inline void move_bits(Plain<T>* d, const T* s) {
+template <class T> ORSM_INLINE void move_bits(Plain<T>* d, const T* s) {
     typename Elem<Plain<T>>::Bits b;
     std::memcpy(&b, s, sizeof b);
     std::memcpy(d, &b, sizeof b);

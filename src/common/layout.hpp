@@ -21,15 +21,15 @@ template <class T, bool Contig = false> struct SAcc {
     T* base;
     ptrdiff_t s0, s1, s2_;
 
-    ptrdiff_t s2() const { return Contig ? ptrdiff_t(sizeof(T)) : s2_; }
-    T& operator()(int n, int r, int c) const {
+    [[gnu::always_inline]] ptrdiff_t s2() const { return Contig ? ptrdiff_t(sizeof(T)) : s2_; }
+    [[gnu::always_inline]] T& operator()(int n, int r, int c) const {
         return *byte_off(base, n * s0 + r * s1 + c * s2());
     }
-    T& v(int n, int i) const { return (*this)(n, 0, i); }
+    [[gnu::always_inline]] T& v(int n, int i) const { return (*this)(n, 0, i); }
     // First element of object n, for kernels that walk rows themselves.
-    T* obj(int n) const { return byte_off(base, n * s0); }
-    SAcc object(int f) const { return {byte_off(base, f * s0), s0, s1, s2_}; }
-    template <bool C> SAcc<T, C> as() const { return {base, s0, s1, s2_}; }
+    [[gnu::always_inline]] T* obj(int n) const { return byte_off(base, n * s0); }
+    [[gnu::always_inline]] SAcc object(int f) const { return {byte_off(base, f * s0), s0, s1, s2_}; }
+    template <bool C> [[gnu::always_inline]] SAcc<T, C> as() const { return {base, s0, s1, s2_}; }
 };
 
 template <class T> struct PAcc {
@@ -39,11 +39,11 @@ template <class T> struct PAcc {
     ptrdiff_t shift, s0;
     int cols;  // entries per stored row: the stored matrix's width
 
-    T& operator()(int n, int r, int c) const {
+    [[gnu::always_inline]] T& operator()(int n, int r, int c) const {
         return *byte_off(table[r * cols + c], shift + n * s0);
     }
-    T& v(int n, int i) const { return (*this)(n, 0, i); }
-    PAcc object(int f) const { return {table, shift + f * s0, s0, cols}; }
+    [[gnu::always_inline]] T& v(int n, int i) const { return (*this)(n, 0, i); }
+    [[gnu::always_inline]] PAcc object(int f) const { return {table, shift + f * s0, s0, cols}; }
 };
 
 template <class T, bool Contig = false> struct LAcc {
@@ -52,14 +52,14 @@ template <class T, bool Contig = false> struct LAcc {
     T* const* table;
     ptrdiff_t shift, s1, s2_;
 
-    ptrdiff_t s2() const { return Contig ? ptrdiff_t(sizeof(T)) : s2_; }
-    T& operator()(int n, int r, int c) const {
+    [[gnu::always_inline]] ptrdiff_t s2() const { return Contig ? ptrdiff_t(sizeof(T)) : s2_; }
+    [[gnu::always_inline]] T& operator()(int n, int r, int c) const {
         return *byte_off(table[n], shift + r * s1 + c * s2());
     }
-    T& v(int n, int i) const { return (*this)(n, 0, i); }
-    T* obj(int n) const { return byte_off(table[n], shift); }
-    LAcc object(int f) const { return {table + f, shift, s1, s2_}; }
-    template <bool C> LAcc<T, C> as() const { return {table, shift, s1, s2_}; }
+    [[gnu::always_inline]] T& v(int n, int i) const { return (*this)(n, 0, i); }
+    [[gnu::always_inline]] T* obj(int n) const { return byte_off(table[n], shift); }
+    [[gnu::always_inline]] LAcc object(int f) const { return {table + f, shift, s1, s2_}; }
+    template <bool C> [[gnu::always_inline]] LAcc<T, C> as() const { return {table, shift, s1, s2_}; }
 };
 
 // Reads an operand transposed: logical (r, c) is stored (c, r). The stored
@@ -68,8 +68,8 @@ template <class A> struct TAcc {
     using value_type = typename A::value_type;
     static constexpr bool contiguous = A::contiguous;
     A a;
-    value_type& operator()(int n, int r, int c) const { return a(n, c, r); }
-    TAcc object(int f) const { return {a.object(f)}; }
+    [[gnu::always_inline]] value_type& operator()(int n, int r, int c) const { return a(n, c, r); }
+    [[gnu::always_inline]] TAcc object(int f) const { return {a.object(f)}; }
 };
 template <class A> TAcc<A> transposed(A a) { return {a}; }
 

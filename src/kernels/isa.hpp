@@ -1,0 +1,47 @@
+// Run-time choice of instruction set for the fast paths.
+//
+// A kernel source named `*.multi.cpp` is compiled once per target (the build
+// wraps it in one translation unit per target, with that target's -m flags
+// and ORSM_TARGET defined to the target's name). Each compilation defines
+// its kernels inside `namespace orsm::ORSM_TARGET` and fills a table of
+// function pointers; the frame picks the table of the current target:
+//
+//   extern const MatmulTable matmul_table_sse2, matmul_table_avx2, ...;
+//   const MatmulTable& k = isa::select(matmul_tables);
+//
+// The target is chosen once per process from CPUID (the best one the
+// processor and the operating system support). Tests may force any
+// supported target through isa::force, so the bit-exact checks run on every
+// target; nothing outside the library can reach it.
+#pragma once
+
+namespace orsm::isa {
+
+enum Target : int { sse2 = 0, avx2 = 1, avx512 = 2 };
+inline constexpr int kTargets = 3;
+
+const char* name(Target t);
+bool supported(Target t);
+Target best();
+
+// The target the fast paths use now.
+Target current();
+
+// Forces a target (for tests); a negative value restores the automatic
+// choice. Returns false, changing nothing, for a target the processor lacks.
+bool force(int target);
+
+template <class Table> const Table& select(const Table* const (&tables)[kTargets]) {
+    return *tables[current()];
+}
+
+}  // namespace orsm::isa
+
+// The name of the target being compiled, and a macro that names a symbol
+// of this target (matmul_table_ ## avx2).
+#ifndef ORSM_TARGET
+#define ORSM_TARGET sse2
+#endif
+#define ORSM_CAT2(a, b) a##b
+#define ORSM_CAT(a, b) ORSM_CAT2(a, b)
+#define ORSM_TARGET_SYMBOL(prefix) ORSM_CAT(prefix, ORSM_TARGET)
