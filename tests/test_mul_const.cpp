@@ -55,10 +55,7 @@ using Types = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(MulConst, Types);
 
 TYPED_TEST(MulConst, VectorResultsBitExact) {
-    std::vector<std::pair<int, int>> sizes;
-    for (int l = 1; l <= 8; ++l) sizes.push_back({l, 1});
-    sizes.push_back({41, 1});
-    check_results(vector_cases<TypeParam>(), sizes, {1, 5});
+    check_results(vector_cases<TypeParam>(), vector_sizes(), {1, 5});
 }
 
 // Square orders 1 to 8 (3 to 6 have paths of their own in most kernels),

@@ -280,6 +280,15 @@ inline std::string where(int w, int h, int count, const Mode& m) {
            " mode=" + m.str();
 }
 
+// Vector lengths 1 to 8 (3 to 6 have unrolled paths) and a long one, past
+// the vectorised loops' thresholds.
+inline std::vector<std::pair<int, int>> vector_sizes() {
+    std::vector<std::pair<int, int>> sizes;
+    for (int l = 1; l <= 8; ++l) sizes.push_back({l, 1});
+    sizes.push_back({41, 1});
+    return sizes;
+}
+
 // Runs every case over its modes, the given sizes and counts, and checks
 // each result bit for bit.
 template <class T>
