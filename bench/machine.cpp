@@ -20,25 +20,35 @@ template <class T, int BYTES> struct Vec {
     typedef T type __attribute__((vector_size(BYTES)));
 };
 
-// Multiplies alternate between m and 1/m so the values stay bounded; the
-// factors come through volatile so nothing folds.
-template <class T, int BYTES> double peak_mul(long iters) {
+// Each round applies op(x, u) then op(x, v) to every chain, with the pair
+// chosen so values stay bounded: multiplies by m and 1/m, or adds and
+// subtracts (an add) a small constant. The constants come through volatile
+// so nothing folds.
+template <class T, int BYTES, bool MUL> double peak(long iters) {
     using V = typename Vec<T, BYTES>::type;
     constexpr int L = BYTES / sizeof(T);
-    volatile T vm = T(1.0000001), vi = T(1) / T(1.0000001), seed = T(1);
-    V m, mi, acc[ACC];
+    volatile T vu = MUL ? T(1.0000001) : T(1e-3), seed = T(1);
+    const T u0 = vu, v0 = MUL ? T(1) / u0 : u0;
+    V u, v, acc[ACC];
     for (int l = 0; l < L; ++l) {
-        m[l] = vm;
-        mi[l] = vi;
+        u[l] = u0;
+        v[l] = v0;
     }
     for (int j = 0; j < ACC; ++j)
         for (int l = 0; l < L; ++l) acc[j][l] = seed + T(j);
     const double t0 = now();
     for (long it = 0; it < iters; ++it) {
+        if constexpr (MUL) {
 #pragma GCC unroll 16
-        for (int j = 0; j < ACC; ++j) acc[j] = acc[j] * m;
+            for (int j = 0; j < ACC; ++j) acc[j] = acc[j] * u;
 #pragma GCC unroll 16
-        for (int j = 0; j < ACC; ++j) acc[j] = acc[j] * mi;
+            for (int j = 0; j < ACC; ++j) acc[j] = acc[j] * v;
+        } else {
+#pragma GCC unroll 16
+            for (int j = 0; j < ACC; ++j) acc[j] = acc[j] + u;
+#pragma GCC unroll 16
+            for (int j = 0; j < ACC; ++j) acc[j] = acc[j] - v;
+        }
     }
     const double t = now() - t0;
     T sink = 0;
@@ -49,36 +59,12 @@ template <class T, int BYTES> double peak_mul(long iters) {
     return 2.0 * ACC * L * double(iters) / t * 1e-9;
 }
 
-template <class T, int BYTES> double peak_add(long iters) {
-    using V = typename Vec<T, BYTES>::type;
-    constexpr int L = BYTES / sizeof(T);
-    volatile T va = T(1e-3), seed = T(1);
-    V a, acc[ACC];
-    for (int l = 0; l < L; ++l) a[l] = va;
-    for (int j = 0; j < ACC; ++j)
-        for (int l = 0; l < L; ++l) acc[j][l] = seed + T(j);
-    const double t0 = now();
-    for (long it = 0; it < iters; ++it) {
-#pragma GCC unroll 16
-        for (int j = 0; j < ACC; ++j) acc[j] = acc[j] + a;
-#pragma GCC unroll 16
-        for (int j = 0; j < ACC; ++j) acc[j] = acc[j] - a;
-    }
-    const double t = now() - t0;
-    T sink = 0;
-    for (int j = 0; j < ACC; ++j)
-        for (int l = 0; l < L; ++l) sink += acc[j][l];
-    volatile T keep = sink;
-    (void)keep;
-    return 2.0 * ACC * L * double(iters) / t * 1e-9;
-}
-
-#define BENCH_PEAK(name, kern, T)                          \
+#define BENCH_PEAK(name, T, MUL)                           \
     double name(int bytes, long iters) {                   \
         switch (bytes) {                                   \
-            case 16: return kern<T, 16>(iters);            \
-            case 32: return kern<T, 32>(iters);            \
-            case 64: return kern<T, 64>(iters);            \
+            case 16: return peak<T, 16, MUL>(iters);       \
+            case 32: return peak<T, 32, MUL>(iters);       \
+            case 64: return peak<T, 64, MUL>(iters);       \
             default: return 0;                             \
         }                                                  \
     }
@@ -97,10 +83,10 @@ double triad_pass(double* a, const double* b, const double* c, double s, long le
     return now() - t0;
 }
 
-BENCH_PEAK(peak_mul_f32, peak_mul, float)
-BENCH_PEAK(peak_add_f32, peak_add, float)
-BENCH_PEAK(peak_mul_f64, peak_mul, double)
-BENCH_PEAK(peak_add_f64, peak_add, double)
+BENCH_PEAK(peak_mul_f32, float, true)
+BENCH_PEAK(peak_add_f32, float, false)
+BENCH_PEAK(peak_mul_f64, double, true)
+BENCH_PEAK(peak_add_f64, double, false)
 
 int widest_vector_bytes() {
 #if defined(__AVX512F__)

@@ -154,6 +154,9 @@ struct Stream {
     double triad_gbs() const { return 3.0 * len * 8 / machine::triad_pass(a, b, c, 3.0, len) * 1e-9; }
 };
 Stream stream;
+// Bandwidth of the machine section (or of one pass at start-up), used by
+// quick runs, which do not sample it again in every round.
+double g_copy_gbs = 0, g_triad_gbs = 0;
 
 // Sources get values in [-1, 1), made afresh whenever the element type
 // changes (the same memory serves both types).
@@ -250,7 +253,7 @@ void run_case(Case& cs) {
     const int samples = cs.out_of_cache ? opt.samples_large : opt.samples_small;
     std::vector<double> copy_gbs, triad_gbs;
     for (int s = 0; s < samples; ++s) {
-        if (cs.out_of_cache) {
+        if (cs.out_of_cache && !opt.quick) {
             // The bandwidth of this very minute: the machine is shared.
             copy_gbs.push_back(stream.copy_gbs());
             triad_gbs.push_back(stream.triad_gbs());
@@ -266,8 +269,8 @@ void run_case(Case& cs) {
             r.samples.push_back(t * 1e9 / double(reps[i]) / double(cs.objects));
         }
     }
-    const double copy_ref = copy_gbs.empty() ? 0 : median(copy_gbs);
-    const double triad_ref = triad_gbs.empty() ? 0 : median(triad_gbs);
+    const double copy_ref = copy_gbs.empty() ? g_copy_gbs : median(copy_gbs);
+    const double triad_ref = triad_gbs.empty() ? g_triad_gbs : median(triad_gbs);
     double orsm_ns = 0;
     for (Row& r : cs.rows) {
         if (!r.available) continue;
@@ -325,6 +328,31 @@ void add_row(Case& cs, const char* impl, bool available, std::function<void()> p
 template <class T> constexpr const char* tname() { return sizeof(T) == 4 ? "f32" : "f64"; }
 template <class T> constexpr double eps() { return sizeof(T) == 4 ? 0x1p-23 : 0x1p-52; }
 
+// The four operands of a case of element type T, with fresh sources.
+template <class T> struct Ops {
+    T *a, *b, *c, *r;
+};
+template <class T> Ops<T> operands() {
+    fill_sources<T>();
+    return {buf.a<T>(), buf.b<T>(), buf.c<T>(), buf.r<T>()};
+}
+
+// A case of count objects of element type T that move bytes_per_obj each
+// (0: not reported) and whose dst holds len elements; peers may differ from
+// the reference by tol (0: they must give its bits too).
+template <class T> Case new_case(std::string name, long count, double bytes_per_obj, long len, double tol) {
+    Case cs;
+    cs.name = std::move(name);
+    cs.objects = count;
+    cs.bytes_per_obj = bytes_per_obj;
+    cs.out_of_cache = count > opt.small;
+    cs.is_float = sizeof(T) == 4;
+    cs.len = len;
+    cs.tol = tol;
+    cs.bit_exact_peers = tol == 0;
+    return cs;
+}
+
 std::string count_name(long n) {
     char s[32];
     if (n % 1000000 == 0) std::snprintf(s, sizeof s, "%ldM", n / 1000000);
@@ -374,10 +402,13 @@ void run_machine() {
         copy.push_back(stream.copy_gbs());
         triad.push_back(stream.triad_gbs());
     }
+    g_copy_gbs = median(copy);
+    g_triad_gbs = median(triad);
     std::printf("machine: single thread, 64 MiB per array, bytes counted as read + written (no write-allocate)\n");
-    std::printf("  copy  a[i] = b[i]            %7.2f GB/s\n", median(copy));
-    std::printf("  triad a[i] = b[i] + s*c[i]   %7.2f GB/s\n", median(triad));
-    std::printf("  (out-of-cache cases sample both again in their own rounds: %%copy and %%triad use those)\n");
+    std::printf("  copy  a[i] = b[i]            %7.2f GB/s\n", g_copy_gbs);
+    std::printf("  triad a[i] = b[i] + s*c[i]   %7.2f GB/s\n", g_triad_gbs);
+    if (!opt.quick)
+        std::printf("  (out-of-cache cases sample both again in their own rounds: %%copy and %%triad use those)\n");
     const long iters = opt.quick ? 2000000 : 10000000;
     const int wide = machine::widest_vector_bytes();
     std::printf("  arithmetic peak, 16 independent chains, GFLOP/s (widest vector with -march=native: %d bits)\n",
@@ -399,21 +430,11 @@ void run_machine() {
 // ---- 2. products, layout S, contiguous ---------------------------------------------------
 
 template <class T> void products_case(bool fixed, int n, long count) {
-    fill_sources<T>();
-    T* a = buf.a<T>();
-    T* b = buf.b<T>();
-    T* c = buf.c<T>();
-    T* r = buf.r<T>();
+    const auto [a, b, c, r] = operands<T>();
     const int nn = n * n, es = sizeof(T);
-    Case cs;
-    cs.name = std::string(fixed ? "mam " : "mama ") + tname<T>() + " n" + std::to_string(n) + " N=" +
-              count_name(count);
-    cs.objects = count;
-    cs.bytes_per_obj = double((fixed ? 2 : 3) * nn * es);
-    cs.out_of_cache = count > opt.small;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = long(nn) * count;
-    cs.tol = 2.0 * n * eps<T>();
+    Case cs = new_case<T>(std::string(fixed ? "mam " : "mama ") + tname<T>() + " n" + std::to_string(n) +
+                              " N=" + count_name(count),
+                          count, double((fixed ? 2 : 3) * nn * es), long(nn) * count, 2.0 * n * eps<T>());
     cs.reference = [=] {
         fixed ? nofma::loop_mam(n, a, b, r, count) : nofma::loop_mama(n, a, b, r, count);
     };
@@ -431,20 +452,23 @@ template <class T> void products_case(bool fixed, int n, long count) {
     }
     const bool eig_f = fma::eigen_available(), eig_n = nofma::eigen_available();
     const bool xs = xsmm::available() && xsmm::prepare(n, count);
-    if (fixed) {
-        add_row(cs, "eigen fma", eig_f, [=] { fma::eigen_mam(n, a, b, c, count); });
-        add_row(cs, "eigen nofma", eig_n, [=] { nofma::eigen_mam(n, a, b, c, count); });
-        add_row(cs, "libxsmm", xs, [=] { xsmm::mam(n, a, b, c, count); });
-        add_row(cs, "libxsmm batch", xs && xsmm::has_batch(), [=] { xsmm::mam_batch(n, a, b, c, count); });
-        add_row(cs, "loop fma", true, [=] { fma::loop_mam(n, a, b, c, count); });
-        add_row(cs, "loop nofma", true, [=] { nofma::loop_mam(n, a, b, c, count); });
-    } else {
-        add_row(cs, "eigen fma", eig_f, [=] { fma::eigen_mama(n, a, b, c, count); });
-        add_row(cs, "eigen nofma", eig_n, [=] { nofma::eigen_mama(n, a, b, c, count); });
-        add_row(cs, "libxsmm", xs, [=] { xsmm::mama(n, a, b, c, count); });
-        add_row(cs, "libxsmm batch", xs && xsmm::has_batch(), [=] { xsmm::mama_batch(n, a, b, c, count); });
-        add_row(cs, "loop fma", true, [=] { fma::loop_mama(n, a, b, c, count); });
-        add_row(cs, "loop nofma", true, [=] { nofma::loop_mama(n, a, b, c, count); });
+    // The same peers for both forms: mam reads only the first matrix of b.
+    using Peer = void (*)(int, const T*, const T*, T*, long);
+    const struct {
+        const char* impl;
+        bool available;
+        Peer mama, mam;
+    } peers[] = {
+        {"eigen fma", eig_f, fma::eigen_mama, fma::eigen_mam},
+        {"eigen nofma", eig_n, nofma::eigen_mama, nofma::eigen_mam},
+        {"libxsmm", xs, xsmm::mama, xsmm::mam},
+        {"libxsmm batch", xs && xsmm::has_batch(), xsmm::mama_batch, xsmm::mam_batch},
+        {"loop fma", true, fma::loop_mama, fma::loop_mam},
+        {"loop nofma", true, nofma::loop_mama, nofma::loop_mam},
+    };
+    for (const auto& p : peers) {
+        const Peer f = fixed ? p.mam : p.mama;
+        add_row(cs, p.impl, p.available, [=] { f(n, a, b, c, count); });
     }
     run_case(cs);
 }
@@ -470,21 +494,11 @@ template <class T> struct SoaTables {
 };
 
 template <class T> void soa_mul_case(int n, long count) {
-    fill_sources<T>();
-    T* a = buf.a<T>();
-    T* b = buf.b<T>();
-    T* c = buf.c<T>();
-    T* r = buf.r<T>();
+    const auto [a, b, c, r] = operands<T>();
     const int nn = n * n, es = sizeof(T);
-    Case cs;
-    cs.name = std::string("mama_P soa ") + tname<T>() + " n" + std::to_string(n) + " N=" + count_name(count);
-    cs.objects = count;
-    cs.bytes_per_obj = double(3 * nn * es);
-    cs.out_of_cache = count > opt.small;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = long(nn) * count;
-    cs.tol = 2.0 * n * eps<T>();
-    cs.bit_exact_peers = false;
+    Case cs = new_case<T>(std::string("mama_P soa ") + tname<T>() + " n" + std::to_string(n) + " N=" +
+                              count_name(count),
+                          count, double(3 * nn * es), long(nn) * count, 2.0 * n * eps<T>());
     cs.reference = [=] { nofma::loop_mama_soa(n, a, b, r, count); };
     auto tables = std::make_shared<SoaTables<T>>(nn, count);
     auto f = Lib<T>::mama_p();
@@ -501,19 +515,11 @@ template <class T> void soa_mul_case(int n, long count) {
 // ---- single products: the cost of one call --------------------------------------------------
 
 template <class T> void single_case(int n) {
-    fill_sources<T>();
-    T* a = buf.a<T>();
-    T* b = buf.b<T>();
-    T* c = buf.c<T>();
-    T* r = buf.r<T>();
+    const auto [a, b, c, r] = operands<T>();
     const int es = sizeof(T), rs = n * es;
     const long calls = 1000;
-    Case cs;
-    cs.name = std::string("mm ") + tname<T>() + " n" + std::to_string(n) + " one call";
-    cs.objects = calls;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = long(n) * n;
-    cs.tol = 2.0 * n * eps<T>();
+    Case cs = new_case<T>(std::string("mm ") + tname<T>() + " n" + std::to_string(n) + " one call", calls, 0,
+                          long(n) * n, 2.0 * n * eps<T>());
     cs.reference = [=] { nofma::loop_mm_repeat(n, a, b, r, 1); };
     auto f = Lib<T>::mm();
     Row row;
@@ -536,20 +542,11 @@ template <class T> void single_case(int n) {
 // Add over large or cached contiguous arrays. vava: vectors of length 4;
 // mama: 4 by 4 matrices. Either way 3 arrays move.
 template <class T> void add_case(bool matrices, long count) {
-    fill_sources<T>();
-    T* a = buf.a<T>();
-    T* b = buf.b<T>();
-    T* c = buf.c<T>();
-    T* r = buf.r<T>();
+    const auto [a, b, c, r] = operands<T>();
     const int es = sizeof(T), per = matrices ? 16 : 4;
-    Case cs;
-    cs.name = std::string(matrices ? "add mama 4x4 " : "add vava len4 ") + tname<T>() + " N=" + count_name(count);
-    cs.objects = count;
-    cs.bytes_per_obj = double(3 * per * es);
-    cs.out_of_cache = count > opt.small;
-    cs.bit_exact_peers = true;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = long(per) * count;
+    Case cs = new_case<T>(std::string(matrices ? "add mama 4x4 " : "add vava len4 ") + tname<T>() + " N=" +
+                              count_name(count),
+                          count, double(3 * per * es), long(per) * count, 0);
     cs.reference = [=] { nofma::loop_add(a, b, r, long(per) * count); };
     const int ic = int(count), os = per * es;
     if (matrices) {
@@ -568,20 +565,10 @@ template <class T> void add_case(bool matrices, long count) {
 }
 
 template <class T> void add_soa_case(long count) {
-    fill_sources<T>();
-    T* a = buf.a<T>();
-    T* b = buf.b<T>();
-    T* c = buf.c<T>();
-    T* r = buf.r<T>();
+    const auto [a, b, c, r] = operands<T>();
     const int es = sizeof(T);
-    Case cs;
-    cs.name = std::string("add mama_P soa 4x4 ") + tname<T>() + " N=" + count_name(count);
-    cs.objects = count;
-    cs.bytes_per_obj = double(3 * 16 * es);
-    cs.out_of_cache = count > opt.small;
-    cs.bit_exact_peers = true;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = 16 * count;
+    Case cs = new_case<T>(std::string("add mama_P soa 4x4 ") + tname<T>() + " N=" + count_name(count), count,
+                          double(3 * 16 * es), 16 * count, 0);
     // The 16 planes lie back to back: the SoA sum is one flat sum.
     cs.reference = [=] { nofma::loop_add(a, b, r, 16 * count); };
     auto tables = std::make_shared<SoaTables<T>>(16, count);
@@ -603,14 +590,9 @@ template <class T> void transpose_case(int n, long count) {
     T* c = buf.c<T>();
     T* r = buf.r<T>();
     const int nn = n * n, es = sizeof(T), os = nn * es, rs = n * es, ic = int(count);
-    Case cs;
-    cs.name = std::string("transpose ") + tname<T>() + " n" + std::to_string(n) + " N=" + count_name(count);
-    cs.objects = count;
-    cs.bytes_per_obj = double(2 * nn * es);
-    cs.out_of_cache = count > opt.small;
-    cs.bit_exact_peers = true;
-    cs.is_float = sizeof(T) == 4;
-    cs.len = long(nn) * count;
+    Case cs = new_case<T>(std::string("transpose ") + tname<T>() + " n" + std::to_string(n) + " N=" +
+                              count_name(count),
+                          count, double(2 * nn * es), long(nn) * count, 0);
     cs.reference = [=] { nofma::loop_transpose(n, a, r, count); };
     auto f = Lib<T>::transpose();
     add_orsm_rows(cs, "orsm transpose", have(f), [=] {
@@ -651,7 +633,12 @@ int main(int argc, char** argv) {
     std::printf("check: output against the plain loop without contraction (bit= identical bits;\n"
                 "       ~ within rounding, allowed for peers only; MISMATCH flags an error)\n\n");
 
-    if (opt.wants("machine")) run_machine();
+    if (opt.wants("machine")) {
+        run_machine();
+    } else {
+        g_copy_gbs = stream.copy_gbs();
+        g_triad_gbs = stream.triad_gbs();
+    }
 
     print_header();
     if (opt.wants("products")) {

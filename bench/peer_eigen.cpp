@@ -3,6 +3,7 @@
 // fused intrinsics itself whenever the target has them, whatever the
 // contraction setting. Without Eigen (BENCH_HAVE_EIGEN undefined) the
 // functions exist and report themselves unavailable.
+#include "peer_common.hpp"
 #include "peers.hpp"
 
 #ifndef PEER_NS
@@ -17,8 +18,6 @@ namespace bench::PEER_NS {
 
 #ifdef BENCH_HAVE_EIGEN
 namespace {
-
-template <class P> inline void escape(P* p) { asm volatile("" : : "g"(p) : "memory"); }
 
 template <int N, class T> using Mat = Eigen::Matrix<T, N, N, Eigen::RowMajor>;
 template <int N, class T> using CMap = Eigen::Map<const Mat<N, T>>;
@@ -45,14 +44,6 @@ template <int N, class T> void repeat_n(const T* a, const T* b, T* c, long reps)
     }
 }
 
-#define BENCH_BY_ORDER(fn, ...)                 \
-    switch (n) {                                \
-        case 3: fn<3>(__VA_ARGS__); break;      \
-        case 4: fn<4>(__VA_ARGS__); break;      \
-        case 5: fn<5>(__VA_ARGS__); break;      \
-        case 6: fn<6>(__VA_ARGS__); break;      \
-        default: break;                         \
-    }
 
 }  // namespace
 

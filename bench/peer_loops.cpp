@@ -2,6 +2,7 @@
 // (contraction allowed) or nofma (-ffp-contract=off). The nofma products are
 // the reference the library must match bit for bit: each element is the sum
 // over ascending k, starting from the first product, in the element type.
+#include "peer_common.hpp"
 #include "peers.hpp"
 
 #ifndef PEER_NS
@@ -10,9 +11,6 @@
 
 namespace bench::PEER_NS {
 namespace {
-
-// Keeps the compiler from hoisting a repeated product out of its loop.
-template <class P> inline void escape(P* p) { asm volatile("" : : "g"(p) : "memory"); }
 
 template <int N, class T> inline void mm(const T* a, const T* b, T* c) {
     for (int i = 0; i < N; ++i)
@@ -69,15 +67,6 @@ template <int N, class T> void repeat_n(const T* a, const T* b, T* c, long reps)
     }
 }
 
-// Orders 3..6 are unrolled by template; other orders are not benchmarked.
-#define BENCH_BY_ORDER(fn, ...)                 \
-    switch (n) {                                \
-        case 3: fn<3>(__VA_ARGS__); break;      \
-        case 4: fn<4>(__VA_ARGS__); break;      \
-        case 5: fn<5>(__VA_ARGS__); break;      \
-        case 6: fn<6>(__VA_ARGS__); break;      \
-        default: break;                         \
-    }
 
 template <class T> void add(const T* a, const T* b, T* c, long len) {
     for (long i = 0; i < len; ++i) c[i] = a[i] + b[i];
