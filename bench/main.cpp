@@ -1,0 +1,685 @@
+// orsm_bench: one process, one table. Every case runs all its competitors
+// round-robin, sample after sample, and reports the median time per object,
+// so the ratios between rows come from the same minutes of the same noisy
+// machine. Each competitor's output is compared once with the plain loop
+// built without contraction: the library must match it bit for bit.
+//
+// Library functions are referenced weakly: a function that the library in
+// hand does not define yet has a null address and its rows print n/a. This
+// needs the shared library (a weak reference does not pull a member out of
+// a static archive).
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "orscore.h"
+#include "orsm.h"
+#include "peers.hpp"
+
+#define BENCH_STR(x) #x
+#define BENCH_WEAK(f) _Pragma(BENCH_STR(weak f))
+#define BENCH_ORSM_USED(X)                                                                        \
+    X(orsmMul_mama_32f) X(orsmMul_mama_64f) X(orsmMul_mam_32f) X(orsmMul_mam_64f)                 \
+    X(orsmMul_mama_32f_P) X(orsmMul_mama_64f_P) X(orsmMul_mm_32f) X(orsmMul_mm_64f)               \
+    X(orsmAdd_vava_32f) X(orsmAdd_vava_64f) X(orsmAdd_mama_32f) X(orsmAdd_mama_64f)               \
+    X(orsmAdd_mama_32f_P) X(orsmAdd_mama_64f_P) X(orsmTranspose_ma_32f) X(orsmTranspose_ma_64f)
+BENCH_ORSM_USED(BENCH_WEAK)
+
+namespace {
+
+using namespace bench;
+
+// ---- options ------------------------------------------------------------------
+
+struct Options {
+    bool quick = false;
+    long large = 1000000;   // objects of the out-of-cache cases
+    long small = 1000;      // objects of the in-cache cases
+    int samples_small = 9;  // medians of this many samples
+    int samples_large = 5;
+    double target_s = 0.004;  // minimum time of one in-cache sample
+    std::vector<std::string> only;
+    bool wants(const char* section) const {
+        return only.empty() || std::find(only.begin(), only.end(), section) != only.end();
+    }
+};
+Options opt;
+
+const char* const kSections[] = {"machine", "products", "soa", "single", "add", "transpose"};
+
+void usage() {
+    std::printf(
+        "usage: orsm_bench [--quick] [--only SECTION[,SECTION...]] [--large N] [--samples K]\n"
+        "sections: machine products soa single add transpose\n"
+        "  --quick     smoke run: 100000 objects out of cache, 3 samples\n"
+        "  --large N   objects of the out-of-cache cases (default 1000000)\n"
+        "  --samples K samples per case (median; default 9 in cache, 5 out of cache)\n");
+}
+
+bool parse(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+        if (a == "--quick") {
+            opt.quick = true;
+            opt.large = 100000;
+            opt.samples_small = opt.samples_large = 3;
+            opt.target_s = 0.001;
+        } else if (a == "--only") {
+            const char* v = next();
+            if (!v) return false;
+            std::string s = v;
+            for (size_t p = 0; p <= s.size();) {
+                size_t q = s.find(',', p);
+                if (q == std::string::npos) q = s.size();
+                const std::string name = s.substr(p, q - p);
+                if (std::find(std::begin(kSections), std::end(kSections), name) == std::end(kSections)) {
+                    std::fprintf(stderr, "unknown section '%s'\n", name.c_str());
+                    return false;
+                }
+                opt.only.push_back(name);
+                p = q + 1;
+            }
+        } else if (a == "--large") {
+            const char* v = next();
+            if (!v || std::atol(v) < 1000) return false;
+            opt.large = std::atol(v);
+        } else if (a == "--samples") {
+            const char* v = next();
+            if (!v || std::atoi(v) < 1) return false;
+            opt.samples_small = opt.samples_large = std::atoi(v);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t m = v.size() / 2;
+    return v.size() % 2 ? v[m] : 0.5 * (v[m - 1] + v[m]);
+}
+
+// ---- memory -----------------------------------------------------------------------
+
+// Four operands of the same size (two sources, the dst under test and the
+// reference dst), each large enough for the biggest case, touched once.
+struct Buffers {
+    size_t bytes = 0;
+    unsigned char* p[4] = {};
+    void init(size_t b) {
+        bytes = (b + 4095) & ~size_t(4095);
+        for (auto& q : p) {
+            q = static_cast<unsigned char*>(std::aligned_alloc(4096, bytes));
+            if (!q) {
+                std::fprintf(stderr, "out of memory (%zu bytes per operand)\n", bytes);
+                std::exit(1);
+            }
+            std::memset(q, 0, bytes);
+        }
+    }
+    template <class T> T* a() { return reinterpret_cast<T*>(p[0]); }
+    template <class T> T* b() { return reinterpret_cast<T*>(p[1]); }
+    template <class T> T* c() { return reinterpret_cast<T*>(p[2]); }
+    template <class T> T* r() { return reinterpret_cast<T*>(p[3]); }
+};
+Buffers buf;
+
+// Stream arrays of the bandwidth reference, apart from the operands so that
+// out-of-cache cases can sample the bandwidth in their own rounds.
+struct Stream {
+    long len = (64L << 20) / sizeof(double);  // 64 MiB per array
+    double *a = nullptr, *b = nullptr, *c = nullptr;
+    void init() {
+        for (double** q : {&a, &b, &c}) {
+            *q = static_cast<double*>(std::aligned_alloc(4096, len * sizeof(double)));
+            if (!*q) std::exit(1);
+            for (long i = 0; i < len; ++i) (*q)[i] = 1.0;
+        }
+    }
+    double copy_gbs() const { return 2.0 * len * 8 / machine::copy_pass(a, b, len) * 1e-9; }
+    double triad_gbs() const { return 3.0 * len * 8 / machine::triad_pass(a, b, c, 3.0, len) * 1e-9; }
+};
+Stream stream;
+// Bandwidth of the machine section (or of one pass at start-up), used by
+// quick runs, which do not sample it again in every round.
+double g_copy_gbs = 0, g_triad_gbs = 0;
+
+// Sources get values in [-1, 1), made afresh whenever the element type
+// changes (the same memory serves both types).
+int g_filled = 0;  // 1: float, 2: double
+template <class T> void fill_sources() {
+    int& filled = g_filled;
+    const int want = sizeof(T) == 4 ? 1 : 2;
+    if (filled == want) return;
+    uint64_t s = 0x9e3779b97f4a7c15ull;
+    const size_t len = buf.bytes / sizeof(T);
+    for (int op = 0; op < 2; ++op) {
+        T* x = op ? buf.b<T>() : buf.a<T>();
+        for (size_t i = 0; i < len; ++i) {
+            s ^= s << 13;
+            s ^= s >> 7;
+            s ^= s << 17;
+            x[i] = T(double(s >> 11) * 0x1p-52 - 1.0);
+        }
+    }
+    filled = want;
+}
+
+// ---- the table ----------------------------------------------------------------------
+
+struct Row {
+    std::string impl;
+    int threads = 1;
+    bool available = true;
+    bool is_orsm = false;
+    std::function<void()> pass;  // one pass over all objects of the case
+    std::string check;
+    double ns = 0;               // median ns per object
+    std::vector<double> samples;
+};
+
+struct Case {
+    std::string name;
+    long objects = 0;         // objects per pass (calls, for the single-call cases)
+    double bytes_per_obj = 0; // bytes moved per object
+    bool out_of_cache = false;
+    bool bit_exact_peers = false;  // peers too must give the reference bits
+    bool is_float = true;
+    long len = 0;             // elements of dst compared with the reference
+    double tol = 0;           // allowed absolute error of a peer
+    std::function<void()> reference;  // writes the reference into buf.r
+    std::vector<Row> rows;
+};
+
+void print_header() {
+    std::printf("%-28s %-16s %3s %10s %9s %8s %6s %6s %9s  %s\n", "case", "impl", "thr", "ns/obj",
+                "Mobj/s", "GB/s", "%copy", "%triad", "orsm/impl", "check");
+    std::printf("%s\n", std::string(118, '-').c_str());
+}
+
+void print_section(const char* title) { std::printf("-- %s\n", title); }
+
+template <class T> std::string compare(const T* got, const T* want, long len, double tol, bool exact) {
+    long differ = 0;
+    double maxerr = 0;
+    for (long i = 0; i < len; ++i) {
+        T g = got[i], w = want[i];
+        if (std::memcmp(&g, &w, sizeof(T)) == 0 || (g == 0 && w == 0)) continue;
+        ++differ;
+        const double e = std::isnan(double(g)) ? INFINITY : std::fabs(double(g) - double(w));
+        maxerr = std::max(maxerr, e);
+    }
+    if (differ == 0) return "bit=";
+    char s[64];
+    if (exact || maxerr > tol)
+        std::snprintf(s, sizeof s, "MISMATCH %ld (max %.1e)", differ, maxerr);
+    else
+        std::snprintf(s, sizeof s, "~ max %.1e", maxerr);
+    return s;
+}
+
+void run_case(Case& cs) {
+    cs.reference();
+    const long len = cs.len;
+    // Check once per competitor; the pass also serves to size the samples.
+    std::vector<long> reps(cs.rows.size(), 1);
+    for (size_t i = 0; i < cs.rows.size(); ++i) {
+        Row& r = cs.rows[i];
+        if (!r.available) continue;
+        std::memset(buf.c<unsigned char>(), 0xff, len * (cs.is_float ? 4 : 8));
+        const double t0 = now();
+        r.pass();
+        const double t = now() - t0;
+        const bool exact = r.is_orsm || cs.bit_exact_peers;
+        r.check = cs.is_float ? compare(buf.c<float>(), buf.r<float>(), len, cs.tol, exact)
+                              : compare(buf.c<double>(), buf.r<double>(), len, cs.tol, exact);
+        if (!cs.out_of_cache) reps[i] = std::max(1L, long(std::ceil(opt.target_s / std::max(t, 1e-9))));
+        if (!cs.out_of_cache) r.pass();  // warm
+    }
+    const int samples = cs.out_of_cache ? opt.samples_large : opt.samples_small;
+    std::vector<double> copy_gbs, triad_gbs;
+    for (int s = 0; s < samples; ++s) {
+        if (cs.out_of_cache && !opt.quick) {
+            // The bandwidth of this very minute: the machine is shared.
+            copy_gbs.push_back(stream.copy_gbs());
+            triad_gbs.push_back(stream.triad_gbs());
+        }
+        for (size_t k = 0; k < cs.rows.size(); ++k) {
+            // Start each round at another row, so no row always follows the same one.
+            const size_t i = (k + s) % cs.rows.size();
+            Row& r = cs.rows[i];
+            if (!r.available) continue;
+            const double t0 = now();
+            for (long q = 0; q < reps[i]; ++q) r.pass();
+            const double t = now() - t0;
+            r.samples.push_back(t * 1e9 / double(reps[i]) / double(cs.objects));
+        }
+    }
+    const double copy_ref = copy_gbs.empty() ? g_copy_gbs : median(copy_gbs);
+    const double triad_ref = triad_gbs.empty() ? g_triad_gbs : median(triad_gbs);
+    double orsm_ns = 0;
+    for (Row& r : cs.rows) {
+        if (!r.available) continue;
+        r.ns = median(r.samples);
+        if (r.is_orsm && r.threads == 1) orsm_ns = r.ns;
+    }
+    for (Row& r : cs.rows) {
+        char ns[32] = "n/a", mps[32] = "", gbs[32] = "", pc[32] = "", pt[32] = "", ratio[32] = "";
+        if (r.available) {
+            std::snprintf(ns, sizeof ns, "%.2f", r.ns);
+            std::snprintf(mps, sizeof mps, "%.1f", 1e3 / r.ns);
+            if (cs.bytes_per_obj > 0) {
+                const double g = cs.bytes_per_obj / r.ns;
+                std::snprintf(gbs, sizeof gbs, "%.2f", g);
+                if (cs.out_of_cache && copy_ref > 0) {
+                    std::snprintf(pc, sizeof pc, "%.0f", 100 * g / copy_ref);
+                    std::snprintf(pt, sizeof pt, "%.0f", 100 * g / triad_ref);
+                }
+            }
+            if (orsm_ns > 0) std::snprintf(ratio, sizeof ratio, "%.2f", orsm_ns / r.ns);
+            else std::snprintf(ratio, sizeof ratio, "n/a");
+        }
+        char thr[8];
+        std::snprintf(thr, sizeof thr, "%d", r.threads);
+        std::printf("%-28s %-16s %3s %10s %9s %8s %6s %6s %9s  %s\n", cs.name.c_str(), r.impl.c_str(),
+                    thr, ns, mps, gbs, pc, pt, ratio, r.available ? r.check.c_str() : "n/a");
+    }
+    std::fflush(stdout);
+}
+
+// Rows of the library at one and two threads.
+template <class F> void add_orsm_rows(Case& cs, const char* impl, bool available, F call) {
+    for (int t : {1, 2}) {
+        Row r;
+        r.impl = impl;
+        r.threads = t;
+        r.is_orsm = true;
+        r.available = available;
+        r.pass = [t, call] {
+            orscoreSetNumThreads(t);
+            call();
+        };
+        cs.rows.push_back(std::move(r));
+    }
+}
+
+void add_row(Case& cs, const char* impl, bool available, std::function<void()> pass) {
+    Row r;
+    r.impl = impl;
+    r.available = available;
+    r.pass = std::move(pass);
+    cs.rows.push_back(std::move(r));
+}
+
+template <class T> constexpr const char* tname() { return sizeof(T) == 4 ? "f32" : "f64"; }
+template <class T> constexpr double eps() { return sizeof(T) == 4 ? 0x1p-23 : 0x1p-52; }
+
+// The four operands of a case of element type T, with fresh sources.
+template <class T> struct Ops {
+    T *a, *b, *c, *r;
+};
+template <class T> Ops<T> operands() {
+    fill_sources<T>();
+    return {buf.a<T>(), buf.b<T>(), buf.c<T>(), buf.r<T>()};
+}
+
+// A case of count objects of element type T that move bytes_per_obj each
+// (0: not reported) and whose dst holds len elements; peers may differ from
+// the reference by tol (0: they must give its bits too).
+template <class T> Case new_case(std::string name, long count, double bytes_per_obj, long len, double tol) {
+    Case cs;
+    cs.name = std::move(name);
+    cs.objects = count;
+    cs.bytes_per_obj = bytes_per_obj;
+    cs.out_of_cache = count > opt.small;
+    cs.is_float = sizeof(T) == 4;
+    cs.len = len;
+    cs.tol = tol;
+    cs.bit_exact_peers = tol == 0;
+    return cs;
+}
+
+std::string count_name(long n) {
+    char s[32];
+    if (n % 1000000 == 0) std::snprintf(s, sizeof s, "%ldM", n / 1000000);
+    else if (n % 1048576 == 0) std::snprintf(s, sizeof s, "%ldMi", n / 1048576);
+    else if (n % 1000 == 0) std::snprintf(s, sizeof s, "%ldk", n / 1000);
+    else if (n % 1024 == 0) std::snprintf(s, sizeof s, "%ldKi", n / 1024);
+    else std::snprintf(s, sizeof s, "%ld", n);
+    return s;
+}
+
+// ---- the library's entry points by element type -------------------------------------
+
+template <class T> struct Lib;
+#define BENCH_LIB(T, t)                                                                           \
+    template <> struct Lib<T> {                                                                   \
+        static auto mama() { return &orsmMul_mama_##t; }                                          \
+        static auto mam() { return &orsmMul_mam_##t; }                                            \
+        static auto mama_p() { return &orsmMul_mama_##t##_P; }                                    \
+        static auto mm() { return &orsmMul_mm_##t; }                                              \
+        static auto add_vava() { return &orsmAdd_vava_##t; }                                      \
+        static auto add_mama() { return &orsmAdd_mama_##t; }                                      \
+        static auto add_mama_p() { return &orsmAdd_mama_##t##_P; }                                \
+        static auto transpose() { return &orsmTranspose_ma_##t; }                                 \
+    };
+BENCH_LIB(float, 32f)
+BENCH_LIB(double, 64f)
+
+template <class F> bool have(F* f) { return f != nullptr; }
+
+// Fails loudly if a library call refuses its arguments: a benchmark of a
+// status return is worthless.
+void need_ok(OrsStatus st, const char* what) {
+    if (st != 0) {
+        std::fprintf(stderr, "%s returned status %d\n", what, st);
+        std::exit(2);
+    }
+}
+
+// ---- 1. machine reference --------------------------------------------------------------
+
+void run_machine() {
+    const int samples = opt.quick ? 3 : 7;
+    std::vector<double> copy, triad;
+    stream.copy_gbs();
+    stream.triad_gbs();
+    for (int s = 0; s < samples; ++s) {
+        copy.push_back(stream.copy_gbs());
+        triad.push_back(stream.triad_gbs());
+    }
+    g_copy_gbs = median(copy);
+    g_triad_gbs = median(triad);
+    std::printf("machine: single thread, 64 MiB per array, bytes counted as read + written (no write-allocate)\n");
+    std::printf("  copy  a[i] = b[i]            %7.2f GB/s\n", g_copy_gbs);
+    std::printf("  triad a[i] = b[i] + s*c[i]   %7.2f GB/s\n", g_triad_gbs);
+    if (!opt.quick)
+        std::printf("  (out-of-cache cases sample both again in their own rounds: %%copy and %%triad use those)\n");
+    const long iters = opt.quick ? 2000000 : 10000000;
+    const int wide = machine::widest_vector_bytes();
+    std::printf("  arithmetic peak, 16 independent chains, GFLOP/s (widest vector with -march=native: %d bits)\n",
+                wide * 8);
+    std::printf("    %-8s %10s %10s %10s %10s\n", "vector", "mul f32", "add f32", "mul f64", "add f64");
+    for (int bytes = 16; bytes <= wide; bytes *= 2) {
+        auto med = [&](double (*f)(int, long)) {
+            std::vector<double> v;
+            for (int s = 0; s < 3; ++s) v.push_back(f(bytes, iters * 16 / bytes));
+            return median(v);
+        };
+        const double mf = med(machine::peak_mul_f32), af = med(machine::peak_add_f32);
+        const double md = med(machine::peak_mul_f64), ad = med(machine::peak_add_f64);
+        std::printf("    %3d bits %10.1f %10.1f %10.1f %10.1f\n", bytes * 8, mf, af, md, ad);
+    }
+    std::printf("\n");
+}
+
+// ---- 2. products, layout S, contiguous ---------------------------------------------------
+
+template <class T> void products_case(bool fixed, int n, long count) {
+    const auto [a, b, c, r] = operands<T>();
+    const int nn = n * n, es = sizeof(T);
+    Case cs = new_case<T>(std::string(fixed ? "mam " : "mama ") + tname<T>() + " n" + std::to_string(n) +
+                              " N=" + count_name(count),
+                          count, double((fixed ? 2 : 3) * nn * es), long(nn) * count, 2.0 * n * eps<T>());
+    cs.reference = [=] {
+        fixed ? nofma::loop_mam(n, a, b, r, count) : nofma::loop_mama(n, a, b, r, count);
+    };
+    const int os = nn * es, rs = n * es, ic = int(count);
+    if (fixed) {
+        auto f = Lib<T>::mam();
+        add_orsm_rows(cs, "orsm mam", have(f), [=] {
+            need_ok(f(a, os, rs, es, n, n, b, rs, es, n, n, c, os, rs, es, ic), "orsmMul_mam");
+        });
+    } else {
+        auto f = Lib<T>::mama();
+        add_orsm_rows(cs, "orsm mama", have(f), [=] {
+            need_ok(f(a, os, rs, es, n, n, b, os, rs, es, n, n, c, os, rs, es, ic), "orsmMul_mama");
+        });
+    }
+    const bool eig_f = fma::eigen_available(), eig_n = nofma::eigen_available();
+    const bool xs = xsmm::available() && xsmm::prepare(n, count);
+    // The same peers for both forms: mam reads only the first matrix of b.
+    using Peer = void (*)(int, const T*, const T*, T*, long);
+    const struct {
+        const char* impl;
+        bool available;
+        Peer mama, mam;
+    } peers[] = {
+        {"eigen fma", eig_f, fma::eigen_mama, fma::eigen_mam},
+        {"eigen nofma", eig_n, nofma::eigen_mama, nofma::eigen_mam},
+        {"libxsmm", xs, xsmm::mama, xsmm::mam},
+        {"libxsmm batch", xs && xsmm::has_batch(), xsmm::mama_batch, xsmm::mam_batch},
+        {"loop fma", true, fma::loop_mama, fma::loop_mam},
+        {"loop nofma", true, nofma::loop_mama, nofma::loop_mam},
+    };
+    for (const auto& p : peers) {
+        const Peer f = fixed ? p.mam : p.mama;
+        add_row(cs, p.impl, p.available, [=] { f(n, a, b, c, count); });
+    }
+    run_case(cs);
+}
+
+template <class T> void products_for_type() {
+    for (bool fixed : {false, true})
+        for (long count : {opt.small, opt.large})
+            for (int n = 3; n <= 6; ++n) products_case<T>(fixed, n, count);
+}
+
+// ---- layout P over structure-of-arrays operands --------------------------------------------
+
+template <class T> struct SoaTables {
+    std::vector<const T*> a, b;
+    std::vector<T*> c;
+    SoaTables(int nn, long count) : a(nn), b(nn), c(nn) {
+        for (int e = 0; e < nn; ++e) {
+            a[e] = buf.a<T>() + e * count;
+            b[e] = buf.b<T>() + e * count;
+            c[e] = buf.c<T>() + e * count;
+        }
+    }
+};
+
+template <class T> void soa_mul_case(int n, long count) {
+    const auto [a, b, c, r] = operands<T>();
+    const int nn = n * n, es = sizeof(T);
+    Case cs = new_case<T>(std::string("mama_P soa ") + tname<T>() + " n" + std::to_string(n) + " N=" +
+                              count_name(count),
+                          count, double(3 * nn * es), long(nn) * count, 2.0 * n * eps<T>());
+    cs.reference = [=] { nofma::loop_mama_soa(n, a, b, r, count); };
+    auto tables = std::make_shared<SoaTables<T>>(nn, count);
+    auto f = Lib<T>::mama_p();
+    const int ic = int(count);
+    add_orsm_rows(cs, "orsm mama_P", have(f), [=] {
+        need_ok(f(tables->a.data(), 0, es, n, n, tables->b.data(), 0, es, n, n, tables->c.data(), 0, es, ic),
+                "orsmMul_mama_P");
+    });
+    add_row(cs, "soa loop fma", true, [=] { fma::loop_mama_soa(n, a, b, c, count); });
+    add_row(cs, "soa loop nofma", true, [=] { nofma::loop_mama_soa(n, a, b, c, count); });
+    run_case(cs);
+}
+
+// ---- single products: the cost of one call --------------------------------------------------
+
+template <class T> void single_case(int n) {
+    const auto [a, b, c, r] = operands<T>();
+    const int es = sizeof(T), rs = n * es;
+    const long calls = 1000;
+    Case cs = new_case<T>(std::string("mm ") + tname<T>() + " n" + std::to_string(n) + " one call", calls, 0,
+                          long(n) * n, 2.0 * n * eps<T>());
+    cs.reference = [=] { nofma::loop_mm_repeat(n, a, b, r, 1); };
+    auto f = Lib<T>::mm();
+    Row row;
+    row.impl = "orsm mm";
+    row.is_orsm = true;
+    row.available = have(f);
+    row.pass = [=] {
+        for (long q = 0; q < calls; ++q) need_ok(f(a, rs, es, n, n, b, rs, es, n, n, c, rs, es), "orsmMul_mm");
+    };
+    cs.rows.push_back(std::move(row));
+    add_row(cs, "eigen fma inl", fma::eigen_available(), [=] { fma::eigen_mm_repeat(n, a, b, c, calls); });
+    add_row(cs, "eigen nofma inl", nofma::eigen_available(),
+            [=] { nofma::eigen_mm_repeat(n, a, b, c, calls); });
+    add_row(cs, "loop nofma inl", true, [=] { nofma::loop_mm_repeat(n, a, b, c, calls); });
+    run_case(cs);
+}
+
+// ---- 3. element-wise ----------------------------------------------------------------------
+
+// Add over large or cached contiguous arrays. vava: vectors of length 4;
+// mama: 4 by 4 matrices. Either way 3 arrays move.
+template <class T> void add_case(bool matrices, long count) {
+    const auto [a, b, c, r] = operands<T>();
+    const int es = sizeof(T), per = matrices ? 16 : 4;
+    Case cs = new_case<T>(std::string(matrices ? "add mama 4x4 " : "add vava len4 ") + tname<T>() + " N=" +
+                              count_name(count),
+                          count, double(3 * per * es), long(per) * count, 0);
+    cs.reference = [=] { nofma::loop_add(a, b, r, long(per) * count); };
+    const int ic = int(count), os = per * es;
+    if (matrices) {
+        auto f = Lib<T>::add_mama();
+        add_orsm_rows(cs, "orsm add_mama", have(f), [=] {
+            need_ok(f(a, os, 4 * es, es, b, os, 4 * es, es, c, os, 4 * es, es, 4, 4, ic), "orsmAdd_mama");
+        });
+    } else {
+        auto f = Lib<T>::add_vava();
+        add_orsm_rows(cs, "orsm add_vava", have(f), [=] {
+            need_ok(f(a, os, es, b, os, es, c, os, es, 4, ic), "orsmAdd_vava");
+        });
+    }
+    add_row(cs, "loop", true, [=] { fma::loop_add(a, b, c, long(per) * count); });
+    run_case(cs);
+}
+
+template <class T> void add_soa_case(long count) {
+    const auto [a, b, c, r] = operands<T>();
+    const int es = sizeof(T);
+    Case cs = new_case<T>(std::string("add mama_P soa 4x4 ") + tname<T>() + " N=" + count_name(count), count,
+                          double(3 * 16 * es), 16 * count, 0);
+    // The 16 planes lie back to back: the SoA sum is one flat sum.
+    cs.reference = [=] { nofma::loop_add(a, b, r, 16 * count); };
+    auto tables = std::make_shared<SoaTables<T>>(16, count);
+    auto f = Lib<T>::add_mama_p();
+    const int ic = int(count);
+    add_orsm_rows(cs, "orsm add_mama_P", have(f), [=] {
+        need_ok(f(tables->a.data(), 0, es, tables->b.data(), 0, es, tables->c.data(), 0, es, 4, 4, ic),
+                "orsmAdd_mama_P");
+    });
+    add_row(cs, "soa loop", true, [=] { fma::loop_add(a, b, c, 16 * count); });
+    run_case(cs);
+}
+
+// ---- data movement: Transpose ------------------------------------------------------------------
+
+template <class T> void transpose_case(int n, long count) {
+    fill_sources<T>();
+    T* a = buf.a<T>();
+    T* c = buf.c<T>();
+    T* r = buf.r<T>();
+    const int nn = n * n, es = sizeof(T), os = nn * es, rs = n * es, ic = int(count);
+    Case cs = new_case<T>(std::string("transpose ") + tname<T>() + " n" + std::to_string(n) + " N=" +
+                              count_name(count),
+                          count, double(2 * nn * es), long(nn) * count, 0);
+    cs.reference = [=] { nofma::loop_transpose(n, a, r, count); };
+    auto f = Lib<T>::transpose();
+    add_orsm_rows(cs, "orsm transpose", have(f), [=] {
+        need_ok(f(a, os, rs, es, n, n, c, os, rs, es, ic), "orsmTranspose_ma");
+    });
+    add_row(cs, "loop", true, [=] { fma::loop_transpose(n, a, c, count); });
+    run_case(cs);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (!parse(argc, argv)) {
+        usage();
+        return 1;
+    }
+    const double t_start = now();
+    // The largest operand: 6 by 6 doubles times the large count, or one of
+    // the 64 MiB arrays of the bandwidth and add cases.
+    const size_t need = std::max<size_t>(size_t(opt.large) * 36 * 8, size_t(64) << 20);
+    buf.init(need);
+    stream.init();
+    const int threads0 = orscoreGetNumThreads();
+
+    // A strong reference, so the link keeps liborsm even where every other
+    // reference is weak.
+    const OrsLibraryVersion* version = orsmGetLibVersion();
+    std::printf("orsm %s (%s)\n", version->versionText, version->libraryName);
+    std::printf("orsm_bench%s: %ld objects in cache, %ld out of cache; medians of %d / %d samples\n",
+                opt.quick ? " --quick" : "", opt.small, opt.large, opt.samples_small, opt.samples_large);
+    std::printf("peers: eigen %s, libxsmm %s (target %s)\n",
+                fma::eigen_available() ? "yes" : "missing", xsmm::available() ? "yes" : "missing",
+                xsmm::available() ? xsmm::target() : "-");
+    const char* wait = std::getenv("OMP_WAIT_POLICY");
+    std::printf("threads: orsm rows at 1 and 2 (orscoreSetNumThreads; default here %d), OMP_WAIT_POLICY=%s\n",
+                threads0, wait ? wait : "(unset)");
+    std::printf("orsm/impl: median time of orsm at 1 thread divided by the row's (below 1: orsm is faster)\n");
+    std::printf("check: output against the plain loop without contraction (bit= identical bits;\n"
+                "       ~ within rounding, allowed for peers only; MISMATCH flags an error)\n\n");
+
+    if (opt.wants("machine")) {
+        run_machine();
+    } else {
+        g_copy_gbs = stream.copy_gbs();
+        g_triad_gbs = stream.triad_gbs();
+    }
+
+    print_header();
+    if (opt.wants("products")) {
+        print_section("products: Mul over arrays, layout S, contiguous objects");
+        products_for_type<float>();
+        products_for_type<double>();
+    }
+    if (opt.wants("soa")) {
+        print_section("products: Mul mama, layout P over structure-of-arrays planes (xStride0 = element size)");
+        for (long count : {opt.small, opt.large})
+            for (int n = 3; n <= 6; ++n) soa_mul_case<float>(n, count);
+        for (long count : {opt.small, opt.large})
+            for (int n = 3; n <= 6; ++n) soa_mul_case<double>(n, count);
+    }
+    if (opt.wants("single")) {
+        print_section("products: one Mul mm call, ns per call");
+        single_case<float>(3);
+        single_case<float>(4);
+        single_case<double>(3);
+        single_case<double>(4);
+    }
+    if (opt.wants("add")) {
+        print_section("element-wise Add, contiguous and structure-of-arrays (3 arrays move)");
+        const long big16f = (64L << 20) / (16 * 4), big16d = (64L << 20) / (16 * 8);
+        add_case<float>(false, big16f * 4);
+        add_case<double>(false, big16d * 4);
+        add_case<float>(true, big16f);
+        add_case<double>(true, big16d);
+        add_case<float>(true, opt.small);
+        add_case<double>(true, opt.small);
+        add_soa_case<float>(opt.small);
+        add_soa_case<float>(big16f);
+    }
+    if (opt.wants("transpose")) {
+        print_section("data movement: Transpose over arrays, layout S, contiguous (2 arrays move)");
+        for (long count : {opt.small, opt.large})
+            for (int n = 3; n <= 6; ++n) transpose_case<float>(n, count);
+        for (long count : {opt.small, opt.large})
+            for (int n = 3; n <= 6; ++n) transpose_case<double>(n, count);
+    }
+    orscoreSetNumThreads(threads0);
+    std::printf("\ntotal %.1f s\n", now() - t_start);
+    return 0;
+}
