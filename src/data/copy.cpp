@@ -49,7 +49,7 @@ template <class T> LGroup<T> grpL(T* const* x, int shift, int s1, int s2, bool m
 }
 
 template <class Src, class Dst>
-void copy_loop(const Src& src, const Dst& dst, int width, int height, int count) {
+void copy_loop(Src src, Dst dst, int width, int height, int count) {
     for (int n = 0; n < count; ++n)
         for (int r = 0; r < height; ++r)
             for (int c = 0; c < width; ++c) move_bits(&dst(n, r, c), &src(n, r, c));
@@ -72,7 +72,7 @@ OrsStatus copy_frame(const void* src, const void* dst, const SG& s, const DG& d,
     return StatusOk;
 }
 
-template <class T, class Acc> void identity_loop(const Acc& dst, int width, int height, int count) {
+template <class T, class Acc> void identity_loop(Acc dst, int width, int height, int count) {
     const T zero = T(0), one = T(1);
     for (int n = 0; n < count; ++n)
         for (int r = 0; r < height; ++r) {

@@ -10,7 +10,7 @@ namespace {
 // Walks the logical elements of `count` objects of `height` rows by `width`
 // columns and writes them one after another into dst.
 template <class Acc, class T>
-OrsStatus gather(OrsStatus st, const Acc& src, T* dst, int width, int height, int count) {
+OrsStatus gather(OrsStatus st, Acc src, T* dst, int width, int height, int count) {
     if (st != StatusOk) return st;
     for (int n = 0; n < count; ++n)
         for (int r = 0; r < height; ++r)

@@ -9,7 +9,7 @@ namespace orsm {
 namespace {
 
 // Order-N path: each row of dst in turn, one element move per element.
-template <int N, class Src, class Dst> void transpose_n(const Src& s, const Dst& d, int count) {
+template <int N, class Src, class Dst> void transpose_n(Src s, Dst d, int count) {
     for (int n = 0; n < count; ++n)
         for (int c = 0; c < N; ++c)
             for (int r = 0; r < N; ++r) move_bits(&d(n, c, r), &s(n, r, c));
@@ -18,7 +18,7 @@ template <int N, class Src, class Dst> void transpose_n(const Src& s, const Dst&
 // The general loop. Strided and list kernels run along dst rows (loads walk
 // down a src column); the pointer-layout kernels walk the source row-major.
 template <bool src_major, class Src, class Dst>
-void transpose_any(const Src& s, const Dst& d, int width, int height, int count) {
+void transpose_any(Src s, Dst d, int width, int height, int count) {
     for (int n = 0; n < count; ++n) {
         if constexpr (src_major) {
             for (int r = 0; r < height; ++r)
@@ -33,7 +33,7 @@ void transpose_any(const Src& s, const Dst& d, int width, int height, int count)
 // The kernel: the order is looked at once, outside the loop over objects.
 // Only square orders 3..6 have paths; 3 by 5 takes the general loop.
 template <bool src_major, class Src, class Dst>
-OrsStatus transpose_kernel(const Src& s, const Dst& d, int width, int height, int count) {
+OrsStatus transpose_kernel(Src s, Dst d, int width, int height, int count) {
     if (width == height) switch (width) {
             case 3: transpose_n<3>(s, d, count); return StatusOk;
             case 4: transpose_n<4>(s, d, count); return StatusOk;
@@ -48,7 +48,7 @@ OrsStatus transpose_kernel(const Src& s, const Dst& d, int width, int height, in
 // S and L kernels: contiguous when both element strides equal the element
 // size, strided otherwise.
 template <class T, class Src, class Dst>
-OrsStatus transpose_sl(const Src& s, const Dst& d, int width, int height, int count) {
+OrsStatus transpose_sl(Src s, Dst d, int width, int height, int count) {
     if (all_contiguous<T>(s.s2_, d.s2_))
         return transpose_kernel<false>(s.template as<true>(), d.template as<true>(), width, height,
                                        count);
@@ -60,7 +60,7 @@ OrsStatus transpose_sl(const Src& s, const Dst& d, int width, int height, int co
 constexpr Limit transpose_limit = parallel_above(3500);
 
 template <bool src_major, class T, class Src, class Dst>
-OrsStatus transpose_ma(OrsStatus st, const Src& s, const Dst& d, int width, int height, int count) {
+OrsStatus transpose_ma(OrsStatus st, Src s, Dst d, int width, int height, int count) {
     if (st != StatusOk) return st;
     const int W = wmul(width, height, wmul(2, count));
     return dispatch(W, transpose_limit, count, [&](int f, int k) {
