@@ -7,12 +7,7 @@
 namespace orsm {
 namespace {
 
-using mv::Cell;
-using mv::Fixed;
-using mv::Gen;
-using mv::Kern;
-using mv::Lay;
-using mv::Tree;
+using namespace mv;
 
 template <bool Array> struct GaxpyMv {
     static constexpr bool trans = false;
@@ -61,75 +56,67 @@ OrsStatus run(OrsStatus st, const A& a, const X& x, const Y& y, const D& d, int 
 
 using namespace orsm;
 
-// Checks: pointers, count (mva), sizes, lengths, strides, shifts (P and L).
-#define GAXPY_SIZES sizes_ok(src1Width, src1Height, src2Length, src3Length), \
-                    lengths_ok(src1Width, src1Height, src2Length, src3Length)
+// One entry point: its parameter list, the checks after the pointers, count,
+// sizes and lengths (strides, then shifts), the four accessors, and the
+// contiguity test on the four element strides of layouts S and L.
+#define GAXPY_ENTRY(T, name, array, lay, params, later, a, x, y, d, count, contig)               \
+    extern "C" ORSM_API OrsStatus name params {                                                   \
+        return run<array, Lay::lay, T>(                                                           \
+            first_failure(nonnull(src1, src2, src3, dst), count_ok(count),                        \
+                          sizes_ok(src1Width, src1Height, src2Length, src3Length),                \
+                          lengths_ok(src1Width, src1Height, src2Length, src3Length),              \
+                          UNPAREN later),                                                         \
+            a, x, y, d, src1Width, src1Height, count, contig);                                    \
+    }
+#define UNPAREN(...) __VA_ARGS__
+#define CONTIG(T) all_contiguous<T>(src1Stride2, src2Stride2, src3Stride2, dstStride2)
 
 #define X(T, t)                                                                                   \
-    extern "C" ORSM_API OrsStatus orsmGaxpy_mv_##t(                                               \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* src2, int src2Stride2, int src2Length, const T* src3, int src3Stride2,           \
-        int src3Length, T* dst, int dstStride2) {                                                 \
-        return run<false, Lay::S, T>(                                                             \
-            first_failure(nonnull(src1, src2, src3, dst), GAXPY_SIZES,                            \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, src3Stride2,       \
-                                        dstStride2)),                                             \
-            s_one(src1, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),                   \
-            s_vec(src3, 0, src3Stride2), s_vec(dst, 0, dstStride2), src1Width, src1Height, 1,     \
-            all_contiguous<T>(src1Stride2, src2Stride2, src3Stride2, dstStride2));                \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmGaxpy_mv_##t##_P(                                           \
-        const T* const* src1, int src1RoiShift, int src1Width, int src1Height,                    \
-        const T* const* src2, int src2RoiShift, int src2Length, const T* const* src3,             \
-        int src3RoiShift, int src3Length, T* const* dst, int dstRoiShift) {                       \
-        return run<false, Lay::P, T>(                                                             \
-            first_failure(nonnull(src1, src2, src3, dst), GAXPY_SIZES,                            \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, src3RoiShift, dstRoiShift)),   \
-            p_one(src1, src1RoiShift, src1Width), p_one(src2, src2RoiShift, src2Length),          \
-            p_one(src3, src3RoiShift, src3Length), p_one(dst, dstRoiShift, src3Length),           \
-            src1Width, src1Height, 1);                                                            \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmGaxpy_mva_##t(                                              \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* src2, int src2Stride0, int src2Stride2, int src2Length, const T* src3,           \
-        int src3Stride0, int src3Stride2, int src3Length, T* dst, int dstStride0, int dstStride2, \
-        int count) {                                                                              \
-        return run<true, Lay::S, T>(                                                              \
-            first_failure(nonnull(src1, src2, src3, dst), count_ok(count), GAXPY_SIZES,           \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride0, src2Stride2,       \
-                                        src3Stride0, src3Stride2, dstStride0, dstStride2)),       \
-            s_one(src1, src1Stride1, src1Stride2), s_vec(src2, src2Stride0, src2Stride2),         \
-            s_vec(src3, src3Stride0, src3Stride2), s_vec(dst, dstStride0, dstStride2), src1Width, \
-            src1Height, count,                                                                    \
-            all_contiguous<T>(src1Stride2, src2Stride2, src3Stride2, dstStride2));                \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmGaxpy_mva_##t##_P(                                          \
-        const T* const* src1, int src1RoiShift, int src1Width, int src1Height,                    \
-        const T* const* src2, int src2RoiShift, int src2Stride0, int src2Length,                  \
-        const T* const* src3, int src3RoiShift, int src3Stride0, int src3Length, T* const* dst,   \
-        int dstRoiShift, int dstStride0, int count) {                                             \
-        return run<true, Lay::P, T>(                                                              \
-            first_failure(nonnull(src1, src2, src3, dst), count_ok(count), GAXPY_SIZES,           \
-                          strides_ok<T>(src2Stride0, src3Stride0, dstStride0),                    \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, src3RoiShift, dstRoiShift)),   \
-            p_one(src1, src1RoiShift, src1Width), p_arr(src2, src2RoiShift, src2Stride0, src2Length),\
-            p_arr(src3, src3RoiShift, src3Stride0, src3Length),                                   \
-            p_arr(dst, dstRoiShift, dstStride0, src3Length), src1Width, src1Height, count);       \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmGaxpy_mva_##t##_L(                                          \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* const* src2, int src2RoiShift, int src2Stride2, int src2Length,                  \
-        const T* const* src3, int src3RoiShift, int src3Stride2, int src3Length, T* const* dst,   \
-        int dstRoiShift, int dstStride2, int count) {                                             \
-        return run<true, Lay::L, T>(                                                              \
-            first_failure(nonnull(src1, src2, src3, dst), count_ok(count), GAXPY_SIZES,           \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, src3Stride2,       \
-                                        dstStride2),                                              \
-                          shifts_ok<T>(src2RoiShift, src3RoiShift, dstRoiShift)),                 \
-            s_one(src1, src1Stride1, src1Stride2), l_vec(src2, src2RoiShift, src2Stride2),        \
-            l_vec(src3, src3RoiShift, src3Stride2), l_vec(dst, dstRoiShift, dstStride2),          \
-            src1Width, src1Height, count,                                                         \
-            all_contiguous<T>(src1Stride2, src2Stride2, src3Stride2, dstStride2));                \
-    }
+    GAXPY_ENTRY(T, orsmGaxpy_mv_##t, false, S,                                                    \
+                (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,  \
+                 const T* src2, int src2Stride2, int src2Length, const T* src3, int src3Stride2,  \
+                 int src3Length, T* dst, int dstStride2),                                         \
+                (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, src3Stride2, dstStride2)),  \
+                s_one(src1, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),               \
+                s_vec(src3, 0, src3Stride2), s_vec(dst, 0, dstStride2), 1, CONTIG(T))             \
+    GAXPY_ENTRY(T, orsmGaxpy_mv_##t##_P, false, P,                                                \
+                (const T* const* src1, int src1RoiShift, int src1Width, int src1Height,           \
+                 const T* const* src2, int src2RoiShift, int src2Length, const T* const* src3,    \
+                 int src3RoiShift, int src3Length, T* const* dst, int dstRoiShift),               \
+                (shifts_ok<T>(src1RoiShift, src2RoiShift, src3RoiShift, dstRoiShift)),            \
+                p_one(src1, src1RoiShift, src1Width), p_one(src2, src2RoiShift, src2Length),      \
+                p_one(src3, src3RoiShift, src3Length), p_one(dst, dstRoiShift, src3Length), 1,    \
+                false)                                                                            \
+    GAXPY_ENTRY(T, orsmGaxpy_mva_##t, true, S,                                                    \
+                (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,  \
+                 const T* src2, int src2Stride0, int src2Stride2, int src2Length, const T* src3,  \
+                 int src3Stride0, int src3Stride2, int src3Length, T* dst, int dstStride0,        \
+                 int dstStride2, int count),                                                      \
+                (strides_ok<T>(src1Stride1, src1Stride2, src2Stride0, src2Stride2, src3Stride0,   \
+                               src3Stride2, dstStride0, dstStride2)),                             \
+                s_one(src1, src1Stride1, src1Stride2), s_vec(src2, src2Stride0, src2Stride2),     \
+                s_vec(src3, src3Stride0, src3Stride2), s_vec(dst, dstStride0, dstStride2), count, \
+                CONTIG(T))                                                                        \
+    GAXPY_ENTRY(T, orsmGaxpy_mva_##t##_P, true, P,                                                \
+                (const T* const* src1, int src1RoiShift, int src1Width, int src1Height,           \
+                 const T* const* src2, int src2RoiShift, int src2Stride0, int src2Length,         \
+                 const T* const* src3, int src3RoiShift, int src3Stride0, int src3Length,         \
+                 T* const* dst, int dstRoiShift, int dstStride0, int count),                      \
+                (strides_ok<T>(src2Stride0, src3Stride0, dstStride0),                             \
+                 shifts_ok<T>(src1RoiShift, src2RoiShift, src3RoiShift, dstRoiShift)),            \
+                p_one(src1, src1RoiShift, src1Width),                                             \
+                p_arr(src2, src2RoiShift, src2Stride0, src2Length),                               \
+                p_arr(src3, src3RoiShift, src3Stride0, src3Length),                               \
+                p_arr(dst, dstRoiShift, dstStride0, src3Length), count, false)                    \
+    GAXPY_ENTRY(T, orsmGaxpy_mva_##t##_L, true, L,                                                \
+                (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,  \
+                 const T* const* src2, int src2RoiShift, int src2Stride2, int src2Length,         \
+                 const T* const* src3, int src3RoiShift, int src3Stride2, int src3Length,         \
+                 T* const* dst, int dstRoiShift, int dstStride2, int count),                      \
+                (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, src3Stride2, dstStride2),   \
+                 shifts_ok<T>(src2RoiShift, src3RoiShift, dstRoiShift)),                          \
+                s_one(src1, src1Stride1, src1Stride2), l_vec(src2, src2RoiShift, src2Stride2),    \
+                l_vec(src3, src3RoiShift, src3Stride2), l_vec(dst, dstRoiShift, dstStride2),      \
+                count, CONTIG(T))
 ORSM_FOR_TYPES(X)
 #undef X

@@ -3,17 +3,14 @@
 // (mv tv), an array of matrices by one vector (mav tav), one matrix by an
 // array of vectors (mva tva) and arrays of both (mava tava). src1Width and
 // src1Height describe the matrix as stored, for t forms too.
+#include <iterator>
+
 #include "products/matvec.hpp"
 
 namespace orsm {
 namespace {
 
-using mv::Cell;
-using mv::Fixed;
-using mv::Gen;
-using mv::Kern;
-using mv::Lay;
-using mv::Tree;
+using namespace mv;
 
 enum class Form : unsigned char { mv, tv, mav, tav, mva, tva, mava, tava };
 
@@ -40,6 +37,7 @@ constexpr TreeRow kTrees[] = {
     // tava 64f _L: each object by the contiguous tv kernel.
     /* tava */ {Tree::D, Tree::A, LTree::D, LTree::ByOne},
 };
+static_assert(std::size(kTrees) == int(Form::tava) + 1);
 
 constexpr bool is_t(Form f) { return f == Form::tv || f == Form::tav || f == Form::tva || f == Form::tava; }
 constexpr Fixed fixed_of(Form f) {
@@ -69,8 +67,9 @@ template <Form F> struct MulMv {
             case Kern::LS2: return {Tree::A, Gen::StoreEachStep, Fixed::None};
             // _P: dst itself is the general loop's accumulator.
             case Kern::P: return {Tree::A, Gen::InMemory, fixed_of(F)};
-            default: return {Tree::A, Gen::StoreEachStep, fixed_of(F)};
+            case Kern::S2: break;
         }
+        return {Tree::A, Gen::StoreEachStep, fixed_of(F)};  // _S2: scalar code
     }
 
     // The limits of the matrix-matrix array forms: serial below the limit.
@@ -110,151 +109,122 @@ OrsStatus run(OrsStatus st, const A& a, const X& x, const D& d, int w, int h, in
 
 using namespace orsm;
 
-// Checks, in this order in every form: pointers, count (array forms), sizes,
-// inner size match, strides, shifts (layouts P and L).
-#define MV_SIZES(f) sizes_ok(src1Width, src1Height, src2Length), \
-                    inner_ok<Form::f>(src1Width, src1Height, src2Length)
-
-#define MUL_MV(T, t, f)                                                                           \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t(                                              \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* src2, int src2Stride2, int src2Length, T* dst, int dstStride2) {                 \
-        return run<Form::f, Lay::S, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), MV_SIZES(f),                                  \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2)),      \
-            s_one(src1, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),                   \
-            s_vec(dst, 0, dstStride2), src1Width, src1Height, 1,                                  \
-            all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));                             \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_P(                                          \
-        const T* const* src1, int src1RoiShift, int src1Width, int src1Height,                    \
-        const T* const* src2, int src2RoiShift, int src2Length, T* const* dst,                    \
-        int dstRoiShift) {                                                                        \
-        return run<Form::f, Lay::P, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), MV_SIZES(f),                                  \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                 \
-            p_one(src1, src1RoiShift, src1Width), p_one(src2, src2RoiShift, src2Length),          \
-            p_one(dst, dstRoiShift, 0), src1Width, src1Height, 1);                                \
+// One entry point: its parameter list, the checks after the pointers, count
+// and sizes (strides, then shifts), the three accessors, and the contiguity
+// test of layouts S and L. Checks, in this order in every form: pointers,
+// count (array forms), sizes, inner size match, strides, shifts (P and L).
+#define MUL_ENTRY(f, T, name, lay, params, later, a, x, d, count, contig)                        \
+    extern "C" ORSM_API OrsStatus name params {                                                   \
+        return run<Form::f, Lay::lay, T>(                                                         \
+            first_failure(nonnull(src1, src2, dst), count_ok(count),                              \
+                          sizes_ok(src1Width, src1Height, src2Length),                            \
+                          inner_ok<Form::f>(src1Width, src1Height, src2Length), UNPAREN later),   \
+            a, x, d, src1Width, src1Height, count, contig);                                       \
     }
-
+#define UNPAREN(...) __VA_ARGS__
+#define CONTIG(T) all_contiguous<T>(src1Stride2, src2Stride2, dstStride2)
 // A P vector is one row of its table: its column count plays no part (0).
+#define P_DST p_arr(dst, dstRoiShift, dstStride0, 0)
+
+// One matrix by one vector. Single forms have no count (count_ok(1) holds).
+#define MUL_MV(T, t, f)                                                                           \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t, S,                                                         \
+              (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,    \
+               const T* src2, int src2Stride2, int src2Length, T* dst, int dstStride2),           \
+              (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2)),                 \
+              s_one(src1, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),                 \
+              s_vec(dst, 0, dstStride2), 1, CONTIG(T))                                            \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_P, P,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Width, int src1Height,             \
+               const T* const* src2, int src2RoiShift, int src2Length, T* const* dst,             \
+               int dstRoiShift),                                                                  \
+              (shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                            \
+              p_one(src1, src1RoiShift, src1Width), p_one(src2, src2RoiShift, src2Length),        \
+              p_one(dst, dstRoiShift, 0), 1, false)
 
 // An array of matrices by one vector.
 #define MUL_MAV(T, t, f)                                                                          \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t(                                              \
-        const T* src1, int src1Stride0, int src1Stride1, int src1Stride2, int src1Width,          \
-        int src1Height, const T* src2, int src2Stride2, int src2Length, T* dst, int dstStride0,   \
-        int dstStride2, int count) {                                                              \
-        return run<Form::f, Lay::S, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride0, src1Stride1, src1Stride2, src2Stride2,       \
-                                        dstStride0, dstStride2)),                                 \
-            s_mat(src1, src1Stride0, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),      \
-            s_vec(dst, dstStride0, dstStride2), src1Width, src1Height, count,                     \
-            all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));                             \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_P(                                          \
-        const T* const* src1, int src1RoiShift, int src1Stride0, int src1Width, int src1Height,   \
-        const T* const* src2, int src2RoiShift, int src2Length, T* const* dst, int dstRoiShift,   \
-        int dstStride0, int count) {                                                              \
-        return run<Form::f, Lay::P, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride0, dstStride0),                                 \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                 \
-            p_arr(src1, src1RoiShift, src1Stride0, src1Width),                                    \
-            p_one(src2, src2RoiShift, src2Length), p_arr(dst, dstRoiShift, dstStride0, 0),        \
-            src1Width, src1Height, count);                                                        \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_L(                                          \
-        const T* const* src1, int src1RoiShift, int src1Stride1, int src1Stride2, int src1Width,  \
-        int src1Height, const T* src2, int src2Stride2, int src2Length, T* const* dst,            \
-        int dstRoiShift, int dstStride2, int count) {                                             \
-        return run<Form::f, Lay::L, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),       \
-                          shifts_ok<T>(src1RoiShift, dstRoiShift)),                               \
-            l_mat(src1, src1RoiShift, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),     \
-            l_vec(dst, dstRoiShift, dstStride2), src1Width, src1Height, count,                    \
-            all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));                             \
-    }
+    MUL_ENTRY(f, T, orsmMul_##f##_##t, S,                                                         \
+              (const T* src1, int src1Stride0, int src1Stride1, int src1Stride2, int src1Width,   \
+               int src1Height, const T* src2, int src2Stride2, int src2Length, T* dst,            \
+               int dstStride0, int dstStride2, int count),                                        \
+              (strides_ok<T>(src1Stride0, src1Stride1, src1Stride2, src2Stride2, dstStride0,      \
+                             dstStride2)),                                                        \
+              s_mat(src1, src1Stride0, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),    \
+              s_vec(dst, dstStride0, dstStride2), count, CONTIG(T))                               \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_P, P,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Stride0, int src1Width,            \
+               int src1Height, const T* const* src2, int src2RoiShift, int src2Length,            \
+               T* const* dst, int dstRoiShift, int dstStride0, int count),                        \
+              (strides_ok<T>(src1Stride0, dstStride0),                                            \
+               shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                            \
+              p_arr(src1, src1RoiShift, src1Stride0, src1Width),                                  \
+              p_one(src2, src2RoiShift, src2Length), P_DST, count, false)                         \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_L, L,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Stride1, int src1Stride2,          \
+               int src1Width, int src1Height, const T* src2, int src2Stride2, int src2Length,     \
+               T* const* dst, int dstRoiShift, int dstStride2, int count),                        \
+              (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),                  \
+               shifts_ok<T>(src1RoiShift, dstRoiShift)),                                          \
+              l_mat(src1, src1RoiShift, src1Stride1, src1Stride2), s_vec(src2, 0, src2Stride2),   \
+              l_vec(dst, dstRoiShift, dstStride2), count, CONTIG(T))
 
 // One matrix by an array of vectors.
 #define MUL_MVA(T, t, f)                                                                          \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t(                                              \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* src2, int src2Stride0, int src2Stride2, int src2Length, T* dst, int dstStride0,  \
-        int dstStride2, int count) {                                                              \
-        return run<Form::f, Lay::S, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride0, src2Stride2,       \
-                                        dstStride0, dstStride2)),                                 \
-            s_one(src1, src1Stride1, src1Stride2), s_vec(src2, src2Stride0, src2Stride2),         \
-            s_vec(dst, dstStride0, dstStride2), src1Width, src1Height, count,                     \
-            all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));                             \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_P(                                          \
-        const T* const* src1, int src1RoiShift, int src1Width, int src1Height,                    \
-        const T* const* src2, int src2RoiShift, int src2Stride0, int src2Length,                  \
-        T* const* dst, int dstRoiShift, int dstStride0, int count) {                              \
-        return run<Form::f, Lay::P, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src2Stride0, dstStride0),                                 \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                 \
-            p_one(src1, src1RoiShift, src1Width),                                                 \
-            p_arr(src2, src2RoiShift, src2Stride0, src2Length),                                   \
-            p_arr(dst, dstRoiShift, dstStride0, 0), src1Width, src1Height, count);                \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_L(                                          \
-        const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,           \
-        const T* const* src2, int src2RoiShift, int src2Stride2, int src2Length, T* const* dst,   \
-        int dstRoiShift, int dstStride2, int count) {                                             \
-        return run<Form::f, Lay::L, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),       \
-                          shifts_ok<T>(src2RoiShift, dstRoiShift)),                               \
-            s_one(src1, src1Stride1, src1Stride2), l_vec(src2, src2RoiShift, src2Stride2),        \
-            l_vec(dst, dstRoiShift, dstStride2), src1Width, src1Height, count,                    \
-            all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));                             \
-    }
+    MUL_ENTRY(f, T, orsmMul_##f##_##t, S,                                                         \
+              (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,    \
+               const T* src2, int src2Stride0, int src2Stride2, int src2Length, T* dst,           \
+               int dstStride0, int dstStride2, int count),                                        \
+              (strides_ok<T>(src1Stride1, src1Stride2, src2Stride0, src2Stride2, dstStride0,      \
+                             dstStride2)),                                                        \
+              s_one(src1, src1Stride1, src1Stride2), s_vec(src2, src2Stride0, src2Stride2),       \
+              s_vec(dst, dstStride0, dstStride2), count, CONTIG(T))                               \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_P, P,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Width, int src1Height,             \
+               const T* const* src2, int src2RoiShift, int src2Stride0, int src2Length,           \
+               T* const* dst, int dstRoiShift, int dstStride0, int count),                        \
+              (strides_ok<T>(src2Stride0, dstStride0),                                            \
+               shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                            \
+              p_one(src1, src1RoiShift, src1Width),                                               \
+              p_arr(src2, src2RoiShift, src2Stride0, src2Length), P_DST, count, false)            \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_L, L,                                                     \
+              (const T* src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,    \
+               const T* const* src2, int src2RoiShift, int src2Stride2, int src2Length,           \
+               T* const* dst, int dstRoiShift, int dstStride2, int count),                        \
+              (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),                  \
+               shifts_ok<T>(src2RoiShift, dstRoiShift)),                                          \
+              s_one(src1, src1Stride1, src1Stride2), l_vec(src2, src2RoiShift, src2Stride2),      \
+              l_vec(dst, dstRoiShift, dstStride2), count, CONTIG(T))
 
 // Arrays of matrices and vectors, object by object.
 #define MUL_MAVA(T, t, f)                                                                         \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t(                                              \
-        const T* src1, int src1Stride0, int src1Stride1, int src1Stride2, int src1Width,          \
-        int src1Height, const T* src2, int src2Stride0, int src2Stride2, int src2Length, T* dst,  \
-        int dstStride0, int dstStride2, int count) {                                              \
-        return run<Form::f, Lay::S, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride0, src1Stride1, src1Stride2, src2Stride0,       \
-                                        src2Stride2, dstStride0, dstStride2)),                    \
-            s_mat(src1, src1Stride0, src1Stride1, src1Stride2),                                   \
-            s_vec(src2, src2Stride0, src2Stride2), s_vec(dst, dstStride0, dstStride2),            \
-            src1Width, src1Height, count, all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));\
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_P(                                          \
-        const T* const* src1, int src1RoiShift, int src1Stride0, int src1Width, int src1Height,   \
-        const T* const* src2, int src2RoiShift, int src2Stride0, int src2Length, T* const* dst,   \
-        int dstRoiShift, int dstStride0, int count) {                                             \
-        return run<Form::f, Lay::P, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride0, src2Stride0, dstStride0),                    \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                 \
-            p_arr(src1, src1RoiShift, src1Stride0, src1Width),                                    \
-            p_arr(src2, src2RoiShift, src2Stride0, src2Length),                                   \
-            p_arr(dst, dstRoiShift, dstStride0, 0), src1Width, src1Height, count);                \
-    }                                                                                             \
-    extern "C" ORSM_API OrsStatus orsmMul_##f##_##t##_L(                                          \
-        const T* const* src1, int src1RoiShift, int src1Stride1, int src1Stride2, int src1Width,  \
-        int src1Height, const T* const* src2, int src2RoiShift, int src2Stride2, int src2Length,  \
-        T* const* dst, int dstRoiShift, int dstStride2, int count) {                              \
-        return run<Form::f, Lay::L, T>(                                                           \
-            first_failure(nonnull(src1, src2, dst), count_ok(count), MV_SIZES(f),                 \
-                          strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),       \
-                          shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                 \
-            l_mat(src1, src1RoiShift, src1Stride1, src1Stride2),                                  \
-            l_vec(src2, src2RoiShift, src2Stride2), l_vec(dst, dstRoiShift, dstStride2),          \
-            src1Width, src1Height, count, all_contiguous<T>(src1Stride2, src2Stride2, dstStride2));\
-    }
+    MUL_ENTRY(f, T, orsmMul_##f##_##t, S,                                                         \
+              (const T* src1, int src1Stride0, int src1Stride1, int src1Stride2, int src1Width,   \
+               int src1Height, const T* src2, int src2Stride0, int src2Stride2, int src2Length,   \
+               T* dst, int dstStride0, int dstStride2, int count),                                \
+              (strides_ok<T>(src1Stride0, src1Stride1, src1Stride2, src2Stride0, src2Stride2,     \
+                             dstStride0, dstStride2)),                                            \
+              s_mat(src1, src1Stride0, src1Stride1, src1Stride2),                                 \
+              s_vec(src2, src2Stride0, src2Stride2), s_vec(dst, dstStride0, dstStride2), count,   \
+              CONTIG(T))                                                                          \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_P, P,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Stride0, int src1Width,            \
+               int src1Height, const T* const* src2, int src2RoiShift, int src2Stride0,           \
+               int src2Length, T* const* dst, int dstRoiShift, int dstStride0, int count),        \
+              (strides_ok<T>(src1Stride0, src2Stride0, dstStride0),                               \
+               shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                            \
+              p_arr(src1, src1RoiShift, src1Stride0, src1Width),                                  \
+              p_arr(src2, src2RoiShift, src2Stride0, src2Length), P_DST, count, false)            \
+    MUL_ENTRY(f, T, orsmMul_##f##_##t##_L, L,                                                     \
+              (const T* const* src1, int src1RoiShift, int src1Stride1, int src1Stride2,          \
+               int src1Width, int src1Height, const T* const* src2, int src2RoiShift,             \
+               int src2Stride2, int src2Length, T* const* dst, int dstRoiShift, int dstStride2,   \
+               int count),                                                                        \
+              (strides_ok<T>(src1Stride1, src1Stride2, src2Stride2, dstStride2),                  \
+               shifts_ok<T>(src1RoiShift, src2RoiShift, dstRoiShift)),                            \
+              l_mat(src1, src1RoiShift, src1Stride1, src1Stride2),                                \
+              l_vec(src2, src2RoiShift, src2Stride2), l_vec(dst, dstRoiShift, dstStride2), count, \
+              CONTIG(T))
 
 #define X(T, t)                                                                                   \
     MUL_MV(T, t, mv) MUL_MV(T, t, tv) MUL_MAV(T, t, mav) MUL_MAV(T, t, tav) MUL_MVA(T, t, mva)    \

@@ -202,7 +202,7 @@ OrsStatus frame(OrsStatus st, const A& a, const X& x, const D& d, const Y& y, in
     if constexpr (!Fam::array) {
         return share(0, 1);
     } else {
-        Kern which = lay == Lay::P ? Kern::P
+        const Kern which = lay == Lay::P ? Kern::P
                      : lay == Lay::S ? (contiguous ? Kern::S : Kern::S2)
                                      : (contiguous ? Kern::L : Kern::LS2);
         return dispatch(Fam::work(M, K, count), Fam::template limit<T>(which), count, share);
