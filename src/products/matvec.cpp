@@ -123,7 +123,7 @@ using namespace orsm;
     }
 #define UNPAREN(...) __VA_ARGS__
 #define CONTIG(T) all_contiguous<T>(src1Stride2, src2Stride2, dstStride2)
-// A P vector is one row of its table: its column count plays no part (0).
+// A P vector is one row of its table: its column count is never used (0).
 #define P_DST p_arr(dst, dstRoiShift, dstStride0, 0)
 
 // One matrix by one vector. Single forms have no count (count_ok(1) holds).
