@@ -515,3 +515,56 @@ TEST(AddSubMatOverlap, TheSingleOperandIsHeldByTheOrderPathsOnly) {
 }
 
 }  // namespace
+
+namespace {
+
+// dst object n lies on src1 object n+1. The 32f contiguous mam kernel reads
+// the next object before it stores the current one at order 3, so each
+// result uses src1 as it was; elsewhere object n+1 is read after object n
+// was stored over it, and the sums build up.
+template <class T> void overlap_ahead(bool list, int N, bool ahead) {
+    SCOPED_TRACE(::testing::Message() << sizeof(T) * 8 << (list ? " L" : " S") << " order " << N);
+    const int cnt = 4, E = sizeof(T), obj = N * N;
+    std::vector<T> buf((cnt + 1) * obj), b(obj);
+    Values<T> v(8, 0.0);
+    for (T& x : buf) x = v();
+    for (T& x : b) x = v();
+    const std::vector<T> orig = buf;
+    std::vector<const T*> st;
+    std::vector<T*> dt;
+    for (int n = 0; n < cnt; ++n) {
+        st.push_back(buf.data() + n * obj);
+        dt.push_back(buf.data() + (n + 1) * obj);
+    }
+    OrsStatus s;
+    if constexpr (sizeof(T) == 4)
+        s = list ? orsmAdd_mam_32f_L(st.data(), 0, N * E, E, b.data(), N * E, E, dt.data(), 0,
+                                     N * E, E, N, N, cnt)
+                 : orsmAdd_mam_32f(st[0], obj * E, N * E, E, b.data(), N * E, E, dt[0], obj * E,
+                                   N * E, E, N, N, cnt);
+    else
+        s = list ? orsmAdd_mam_64f_L(st.data(), 0, N * E, E, b.data(), N * E, E, dt.data(), 0,
+                                     N * E, E, N, N, cnt)
+                 : orsmAdd_mam_64f(st[0], obj * E, N * E, E, b.data(), N * E, E, dt[0], obj * E,
+                                   N * E, E, N, N, cnt);
+    ASSERT_EQ(s, StatusOk);
+    std::vector<T> a(orig.begin(), orig.begin() + obj);  // src1 object n as the kernel reads it
+    for (int n = 0; n < cnt; ++n) {
+        if (ahead) a.assign(orig.begin() + n * obj, orig.begin() + (n + 1) * obj);
+        for (int i = 0; i < obj; ++i) {
+            const T want = a[i] + b[i];
+            ASSERT_EQ(bits(buf[(n + 1) * obj + i]), bits(want)) << n << " " << i;
+            a[i] = want;
+        }
+    }
+}
+
+TEST(AddSubMatOverlap, The32fMamKernelReadsOneObjectAheadAtOrder3) {
+    for (bool list : {false, true}) {
+        overlap_ahead<float>(list, 3, true);
+        overlap_ahead<float>(list, 4, false);
+        overlap_ahead<double>(list, 3, false);
+    }
+}
+
+}  // namespace
