@@ -133,13 +133,28 @@ void order_path(const A& a, const B& b, const D& d, int count) {
     }
 }
 
+// An accessor whose rows lie packed in memory (contiguous, not transposed).
+template <class A> constexpr bool packed_rows = A::contiguous;
+template <class A> constexpr bool packed_rows<TAcc<A>> = false;
+
 // The general loop: n, r, c ascending, one element at a time. A single
-// operand has object stride 0, so it is read at every object.
+// operand has object stride 0, so it is read at every object. With packed
+// rows everywhere the row is walked through plain pointers, which lets the
+// compiler vectorise it (with its own overlap test, so the element-at-a-time
+// result stands when dst overlaps a source).
 template <class Op, class A, class B, class D>
 void general_loop(const A& a, const B& b, const D& d, int w, int h, int count) {
     for (int n = 0; n < count; ++n)
-        for (int r = 0; r < h; ++r)
-            for (int c = 0; c < w; ++c) d(n, r, c) = Op::apply(a(n, r, c), b(n, r, c));
+        for (int r = 0; r < h; ++r) {
+            if constexpr (packed_rows<A> && packed_rows<B> && packed_rows<D>) {
+                const auto* ar = &a(n, r, 0);
+                const auto* br = &b(n, r, 0);
+                auto* dr = &d(n, r, 0);
+                for (int c = 0; c < w; ++c) dr[c] = Op::apply(ar[c], br[c]);
+            } else {
+                for (int c = 0; c < w; ++c) d(n, r, c) = Op::apply(a(n, r, c), b(n, r, c));
+            }
+        }
 }
 
 template <int N, unsigned Orders, class Op, Form F, bool Ahead, class A, class B, class D>
