@@ -22,18 +22,16 @@
 #include "common/checks.hpp"
 #include "common/layout.hpp"
 #include "common/parallel.hpp"
+#include "elementwise/elementwise.hpp"
 
 namespace orsm::ewm {
 
 enum class Fam { Add, Sub };
 enum class Lay { S, P, L };
 
-struct AddOp {
-    template <class T> static T apply(T x, T y) { return x + y; }
-};
-struct SubOp {
-    template <class T> static T apply(T x, T y) { return x - y; }
-};
+// The one-operation functors are those of the vector families.
+using ew::AddOp;
+using ew::SubOp;
 template <Fam F> using OpOf = std::conditional_t<F == Fam::Add, AddOp, SubOp>;
 
 // Operand codes of a form: whether each source is an array, and whether it
