@@ -229,7 +229,11 @@ template <class T> class Values {
     T wide() {
         std::uniform_int_distribution<int> e(-20, 20);
         std::uniform_real_distribution<T> d(T(-1), T(1));
-        return std::ldexp(d(rng_), e(rng_));
+        // Draw the exponent first, in a fixed order: compilers evaluate
+        // function arguments in different orders.
+        const int ex = e(rng_);
+        const T m = d(rng_);
+        return std::ldexp(m, ex);
     }
 
   private:
