@@ -21,7 +21,7 @@
 namespace orsm::matmul {
 namespace {
 
-namespace kern = ORSM_MATMUL_TARGET;
+namespace kern = ORSM_TARGET;
 
 enum class Lay { S, P, L };
 

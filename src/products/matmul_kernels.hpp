@@ -1,8 +1,8 @@
 // Kernel bodies of the matrix-matrix products, written once over element
 // type, accessor type and compile-time order. The header holds no data and
 // no entry point; it may be compiled once per instruction set, each time in
-// its own namespace (ORSM_MATMUL_TARGET), by a source that then picks one at
-// run time.
+// its own namespace (ORSM_TARGET, the name of the instruction set), by a
+// source that then picks one at run time.
 //
 // Numerical rule of every path: dst(i, j) is the sum over k ascending of
 // op(src1)(i, k) * op(src2)(k, j), each product and each partial sum rounded
@@ -15,8 +15,8 @@
 #include "common/layout.hpp"
 #include "products/matmul_paths.hpp"
 
-#ifndef ORSM_MATMUL_TARGET
-#define ORSM_MATMUL_TARGET generic
+#ifndef ORSM_TARGET
+#define ORSM_TARGET sse2
 #endif
 
 namespace orsm::matmul {
@@ -40,7 +40,7 @@ template <class A> A as_3x3(A a) {
     return a;
 }
 
-namespace ORSM_MATMUL_TARGET {
+namespace ORSM_TARGET {
 
 #define ORSM_UNROLL _Pragma("GCC unroll 16")
 
@@ -144,5 +144,5 @@ void run(const Paths& p, const A& a, const B& b, const D& d, int M, int K, int N
 
 #undef ORSM_UNROLL
 
-}  // namespace ORSM_MATMUL_TARGET
+}  // namespace ORSM_TARGET
 }  // namespace orsm::matmul
