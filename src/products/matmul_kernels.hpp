@@ -11,6 +11,8 @@
 // never over k, and nothing is fused.
 #pragma once
 
+#include <utility>
+
 #include "common/base.hpp"
 #include "common/layout.hpp"
 #include "products/matmul_paths.hpp"
@@ -44,39 +46,91 @@ namespace ORSM_TARGET {
 
 #define ORSM_UNROLL _Pragma("GCC unroll 16")
 
-// Row i of an object's product from the row of op(src1) and all of op(src2).
-template <int K, int N, class T>
-inline void product_row(const T (&a)[K], const T (&b)[K][N], T (&acc)[N]) {
-    ORSM_UNROLL for (int j = 0; j < N; ++j) acc[j] = a[0] * b[0][j];
-    ORSM_UNROLL for (int k = 1; k < K; ++k) {
-        ORSM_UNROLL for (int j = 0; j < N; ++j) acc[j] = acc[j] + a[k] * b[k][j];
+// Columns are carried in vector registers of the target's width (16 bytes
+// unless the including source says otherwise): a row of op(src2) or of
+// running sums is a few vectors, the last one padded with zero columns that
+// are computed and never stored. Lanes run over the columns j only.
+#ifndef ORSM_VECTOR_BYTES
+#define ORSM_VECTOR_BYTES 16
+#endif
+template <class T> struct Vec {
+    static constexpr int lanes = ORSM_VECTOR_BYTES / int(sizeof(T));
+    typedef T type __attribute__((vector_size(ORSM_VECTOR_BYTES)));
+};
+template <class T> using vec_t = typename Vec<T>::type;
+template <class T, int N> constexpr int nvec = (N + Vec<T>::lanes - 1) / Vec<T>::lanes;
+
+// Row accessors whose elements lie one element apart in memory.
+template <class A> struct packed_rows : std::false_type {};
+template <class T> struct packed_rows<SAcc<T, true>> : std::true_type {};
+template <class T> struct packed_rows<LAcc<T, true>> : std::true_type {};
+
+// Vector V0 / lanes of row r of object n: whole vectors of packed rows by
+// one unaligned load, others element by element; columns past N are zero.
+template <int N, int V0, class T, class A, std::size_t... L>
+inline vec_t<T> load_vec(const A& a, int n, int r, std::index_sequence<L...>) {
+    vec_t<T> v;
+    if constexpr (packed_rows<A>::value && V0 + Vec<T>::lanes <= N) {
+        std::memcpy(&v, &a(n, r, V0), sizeof v);
+    } else {
+        v = vec_t<T>{(V0 + int(L) < N ? T(a(n, r, (V0 + int(L) < N ? V0 + int(L) : 0))) : T(0))...};
+    }
+    return v;
+}
+template <int N, int V0, class T, class D>
+inline void store_vec(const vec_t<T>& v, const D& d, int n, int r) {
+    if constexpr (packed_rows<D>::value && V0 + Vec<T>::lanes <= N) {
+        std::memcpy(&d(n, r, V0), &v, sizeof v);
+    } else {
+        ORSM_UNROLL for (int c = V0; c < N && c < V0 + Vec<T>::lanes; ++c) d(n, r, c) = v[c - V0];
     }
 }
-
-template <int R, int C, class T, class A> inline void fetch(T (&m)[R][C], const A& a, int n) {
-    ORSM_UNROLL for (int r = 0; r < R; ++r) {
-        ORSM_UNROLL for (int c = 0; c < C; ++c) m[r][c] = a(n, r, c);
-    }
+template <int N, class T, class A, std::size_t... Vs>
+inline void load_row(vec_t<T>* out, const A& a, int n, int r, std::index_sequence<Vs...>) {
+    ((out[Vs] = load_vec<N, int(Vs) * Vec<T>::lanes, T>(
+          a, n, r, std::make_index_sequence<Vec<T>::lanes>{})),
+     ...);
+}
+template <int N, class T, class D, std::size_t... Vs>
+inline void store_row(const vec_t<T>* v, const D& d, int n, int r, std::index_sequence<Vs...>) {
+    (store_vec<N, int(Vs) * Vec<T>::lanes, T>(v[Vs], d, n, r), ...);
 }
 
 // Unrolled path for M by K times K by N: op(src2) of the object is fetched
 // whole, then dst is written row by row, each row of op(src1) fetched just
-// before its row of dst. A fixed operand stays in registers across objects.
+// before its row of dst, each element of it broadcast and multiplied with a
+// row of op(src2), the products added for k ascending. A fixed operand stays
+// in registers across objects.
+// The accessors are taken by value: the stores to dst cannot then be
+// thought to change them, and their fields stay in registers.
 template <int M, int K, int N, Fixed F, class A, class B, class D>
-void order_path(const A& a, const B& b, const D& d, int count) {
+void order_path(const A a, const B b, const D d, int count) {
     using T = Plain<typename D::value_type>;
-    T av[M][K], bv[K][N];
-    if constexpr (F == Fixed::src1) fetch(av, a, 0);
-    if constexpr (F == Fixed::src2) fetch(bv, b, 0);
+    using V = vec_t<T>;
+    constexpr int NV = nvec<T, N>;
+    T av[M][K];
+    V bv[K][NV];
+    auto fetch_a = [&](int n, int i) {
+        ORSM_UNROLL for (int k = 0; k < K; ++k) av[i][k] = a(n, i, k);
+    };
+    auto fetch_b = [&](int n) {
+        ORSM_UNROLL for (int k = 0; k < K; ++k)
+            load_row<N, T>(bv[k], b, n, k, std::make_index_sequence<NV>{});
+    };
+    if constexpr (F == Fixed::src1) {
+        ORSM_UNROLL for (int i = 0; i < M; ++i) fetch_a(0, i);
+    }
+    if constexpr (F == Fixed::src2) fetch_b(0);
     for (int n = 0; n < count; ++n) {
-        if constexpr (F != Fixed::src2) fetch(bv, b, n);
+        if constexpr (F != Fixed::src2) fetch_b(n);
         ORSM_UNROLL for (int i = 0; i < M; ++i) {
-            if constexpr (F != Fixed::src1) {
-                ORSM_UNROLL for (int k = 0; k < K; ++k) av[i][k] = a(n, i, k);
+            if constexpr (F != Fixed::src1) fetch_a(n, i);
+            V acc[NV];
+            ORSM_UNROLL for (int v = 0; v < NV; ++v) acc[v] = av[i][0] * bv[0][v];
+            ORSM_UNROLL for (int k = 1; k < K; ++k) {
+                ORSM_UNROLL for (int v = 0; v < NV; ++v) acc[v] = acc[v] + av[i][k] * bv[k][v];
             }
-            T acc[N];
-            product_row<K, N>(av[i], bv, acc);
-            ORSM_UNROLL for (int j = 0; j < N; ++j) d(n, i, j) = acc[j];
+            store_row<N, T>(acc, d, n, i, std::make_index_sequence<NV>{});
         }
     }
 }
@@ -104,42 +158,36 @@ void general(const A& a, const B& b, const D& d, int M, int K, int N, int count)
             }
 }
 
-// Runs the square order M (3 to 6) if `orders` has a path for it.
-template <Fixed F, class A, class B, class D>
-bool square_path(unsigned orders, const A& a, const B& b, const D& d, int M, int K, int N,
-                 int count) {
-    if (M != K || K != N || M < 3 || M > 6 || !((orders >> M) & 1u)) return false;
-    switch (M) {
-        case 3: order_path<3, 3, 3, F>(a, b, d, count); break;
-        case 4: order_path<4, 4, 4, F>(a, b, d, count); break;
-        case 5: order_path<5, 5, 5, F>(a, b, d, count); break;
-        default: order_path<6, 6, 6, F>(a, b, d, count); break;
+// One kernel, its paths given as a constant: the size test, made once
+// outside the loop over objects, picks an unrolled path, the quirk of the
+// kernel, the single-matrix kernel per object, or the general loop.
+// Accessors read op(src1) and op(src2) as logical matrices; dst is M by N.
+template <Paths p, Fixed F, class A, class B, class D>
+void run(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
+    constexpr auto has = [](int order) { return ((p.orders >> order) & 1u) != 0; };
+    if constexpr (p.quirk == Quirk::or_sizes) {
+        if ((M | K | N) == 3) return order_path<3, 3, 3, F>(as_3x3(a), as_3x3(b), as_3x3(d), count);
     }
-    return true;
-}
-
-// One kernel: the size test, made once outside the loop over objects, picks
-// an unrolled path, the quirk of the kernel, the single-matrix kernel per
-// object, or the general loop. Accessors read op(src1) and op(src2) as
-// logical matrices; dst is M by N.
-template <Fixed F, class A, class B, class D>
-void run(const Paths& p, const A& a, const B& b, const D& d, int M, int K, int N, int count) {
-    if (p.quirk == Quirk::or_sizes && (M | K | N) == 3) {
-        order_path<3, 3, 3, F>(as_3x3(a), as_3x3(b), as_3x3(d), count);
-        return;
+    if (M == K && K == N) {
+        if constexpr (has(3))
+            if (M == 3) return order_path<3, 3, 3, F>(a, b, d, count);
+        if constexpr (has(4))
+            if (M == 4) return order_path<4, 4, 4, F>(a, b, d, count);
+        if constexpr (has(5))
+            if (M == 5) return order_path<5, 5, 5, F>(a, b, d, count);
+        if constexpr (has(6))
+            if (M == 6) return order_path<6, 6, 6, F>(a, b, d, count);
     }
-    if (square_path<F>(p.orders, a, b, d, M, K, N, count)) return;
-    if (p.quirk == Quirk::mat_n3 && M == 4 && K == 4 && N == 3) {
-        order_path<4, 4, 4, F>(a, b, d, count);
-        return;
+    if constexpr (p.quirk == Quirk::mat_n3) {
+        if (M == 4 && K == 4 && N == 3) return order_path<4, 4, 4, F>(a, b, d, count);
     }
-    if (p.via != Via::own) {
-        const Paths single{p.single, Quirk::none, Via::own, 0};
+    if constexpr (p.via != Via::own) {
+        constexpr Paths single{p.single, Quirk::none, Via::own, 0};
         for (int n = 0; n < count; ++n)
-            run<Fixed::none>(single, a.object(n), b.object(n), d.object(n), M, K, N, 1);
-        return;
+            run<single, Fixed::none>(a.object(n), b.object(n), d.object(n), M, K, N, 1);
+    } else {
+        general(a, b, d, M, K, N, count);
     }
-    general(a, b, d, M, K, N, count);
 }
 
 #undef ORSM_UNROLL

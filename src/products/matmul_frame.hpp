@@ -3,9 +3,11 @@
 // over arrays (array by fixed, fixed by array, array by array). Sizes give
 // each operand as stored; dst is M by N and never transposed.
 //
-// The frames below check, estimate the work, pick the kernel kind from the
-// layout and the element strides, and hand over to the kernel bodies of
-// matmul_kernels.hpp with the path table of matmul_paths.hpp.
+// The frame checks, estimates the work, picks the kernel kind from the
+// layout and the element strides, and hands over to the kernel bodies of
+// matmul_kernels.hpp with the path table of matmul_paths.hpp. The entry
+// points are expanded by form group in matmul_one.cpp, matmul_mam.cpp,
+// matmul_mma.cpp and matmul_mama.cpp.
 //
 // The 64f contiguous kernels have no aligned/unaligned split: every access
 // is an unaligned one, so the arithmetic (and so the bits) is that of both
@@ -13,13 +15,14 @@
 // of the fixed-by-array forms (mma, tma), which sends misaligned objects down
 // an aligned-access path and faults in a build with that split, simply works
 // here. Nor do the 64f L kernels fetch the table entry past the last object.
+#pragma once
+
 #include "common/checks.hpp"
 #include "common/layout.hpp"
 #include "common/parallel.hpp"
 #include "products/matmul_kernels.hpp"
 
 namespace orsm::matmul {
-namespace {
 
 namespace kern = ORSM_TARGET;
 
@@ -115,13 +118,13 @@ OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const 
         const auto A = op<t1>(a);
         const auto B = op<t2>(b);
         if constexpr (G == Group::one) {
-            kern::run<Fixed::none>(p, A, B, d, M, K, N, 1);
+            kern::run<p, Fixed::none>(A, B, d, M, K, N, 1);
             return StatusOk;
         } else {
             return dispatch(work(G, M, K, N, count), serial_below(limit(ty, kd)), count,
                             [&](int f, int k) {
-                                kern::run<fx>(p, A.object(f), B.object(f), d.object(f), M, K,
-                                              N, k);
+                                kern::run<p, fx>(A.object(f), B.object(f), d.object(f), M, K,
+                                                 N, k);
                                 return StatusOk;
                             });
         }
@@ -138,11 +141,12 @@ OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const 
     }
 }
 
-}  // namespace
 }  // namespace orsm::matmul
 
-using namespace orsm;
-using namespace orsm::matmul;
+// The entry points of one form group (ORSM_MM_ONE, ORSM_MM_MAM, ORSM_MM_MMA,
+// ORSM_MM_MAMA) for both element types.
+#define ORSM_MM_FORMS(G, T, t, a, b, c, d) \
+    G(T, t, a, mm) G(T, t, b, tm) G(T, t, c, mt) G(T, t, d, tt)
 
 // Argument groups: parameters and the group value built from them.
 #define ORSM_MM_P_SM(X, x) X* x, int x##Stride0, int x##Stride1, int x##Stride2
@@ -160,14 +164,15 @@ using namespace orsm::matmul;
 #define ORSM_MM_N_one 1
 #define ORSM_MM_N_arr count
 
-#define ORSM_MM_ENTRY(name, G, F, Y, T, K1, K2, KD, C)                                            \
-    extern "C" ORSM_API OrsStatus name(ORSM_MM_P_##K1(const T, src1), int src1Width,              \
-                                       int src1Height, ORSM_MM_P_##K2(const T, src2),             \
-                                       int src2Width, int src2Height,                             \
-                                       ORSM_MM_P_##KD(T, dst) ORSM_MM_COUNT_##C) {                \
-        return mul<Group::G, F, Lay::Y, T>(ORSM_MM_V_##K1(const T, src1), src1Width, src1Height,  \
-                                           ORSM_MM_V_##K2(const T, src2), src2Width, src2Height,  \
-                                           ORSM_MM_V_##KD(T, dst), ORSM_MM_N_##C);                \
+#define ORSM_MM_ENTRY(name, G, F, Y, T, K1, K2, KD, C)                                           \
+    extern "C" ORSM_API OrsStatus name(ORSM_MM_P_##K1(const T, src1), int src1Width,             \
+                                       int src1Height, ORSM_MM_P_##K2(const T, src2),            \
+                                       int src2Width, int src2Height,                            \
+                                       ORSM_MM_P_##KD(T, dst) ORSM_MM_COUNT_##C) {               \
+        using namespace ::orsm::matmul;                                                          \
+        return mul<Group::G, F, Lay::Y, T>(ORSM_MM_V_##K1(const T, src1), src1Width, src1Height, \
+                                           ORSM_MM_V_##K2(const T, src2), src2Width, src2Height, \
+                                           ORSM_MM_V_##KD(T, dst), ORSM_MM_N_##C);               \
     }
 
 // One form in its layouts, by group: single matrices (S, P), array by fixed,
@@ -188,12 +193,3 @@ using namespace orsm::matmul;
     ORSM_MM_ENTRY(orsmMul_##nm##_##t##_P, mama, F, P, T, PM, PM, PM, arr) \
     ORSM_MM_ENTRY(orsmMul_##nm##_##t##_L, mama, F, L, T, LM, LM, LM, arr)
 
-#define ORSM_MM_FORMS(G, T, t, a, b, c, d) \
-    G(T, t, a, mm) G(T, t, b, tm) G(T, t, c, mt) G(T, t, d, tt)
-#define X(T, t)                                                \
-    ORSM_MM_FORMS(ORSM_MM_ONE, T, t, mm, tm, mt, tt)           \
-    ORSM_MM_FORMS(ORSM_MM_MAM, T, t, mam, tam, mat, tat)       \
-    ORSM_MM_FORMS(ORSM_MM_MMA, T, t, mma, tma, mta, tta)       \
-    ORSM_MM_FORMS(ORSM_MM_MAMA, T, t, mama, tama, mata, tata)
-ORSM_FOR_TYPES(X)
-#undef X
