@@ -226,10 +226,11 @@ template <class T> struct Call {
     Kind kind() const { return kind_of(f, v.contiguous()); }
     void fill(int dataset, unsigned seed) {
         Values<T> gen(seed);
+        std::mt19937 pick(seed);
         auto special = [&]() -> T {
             // Finite and infinite values, zeros and subnormals: products and
             // sums of these give NaNs only of the one default kind.
-            switch (gen.wide() > 0 ? int(std::fabs(gen.wide()) * 1e6) % 10 : 9) {
+            switch (pick() % 10) {
                 case 0: return T(0);
                 case 1: return -T(0);
                 case 2: return std::numeric_limits<T>::infinity();
@@ -286,6 +287,9 @@ const Dims kShapes[] = {{1, 1, 1}, {2, 2, 2}, {3, 3, 3}, {4, 4, 4}, {5, 5, 5}, {
                         {7, 7, 7}, {8, 8, 8}, {2, 3, 5}, {5, 2, 3}, {3, 3, 4}, {4, 3, 3},
                         {3, 4, 5}, {6, 5, 4}, {1, 7, 2}, {8, 1, 3}, {4, 6, 4}};
 
+// Calls check<T>(f) with T the function's element type.
+#define BY_TYPE(check, f) ((f).f64 ? check<double>(f) : check<float>(f))
+
 class EachFunction : public ::testing::TestWithParam<int> {
   protected:
     const Fn& f() const { return kFns[GetParam()]; }
@@ -318,10 +322,7 @@ template <class T> void exact_bits(const Fn& f) {
         }
 }
 TEST_P(EachFunction, ExactBits) {
-    if (f().f64)
-        exact_bits<double>(f());
-    else
-        exact_bits<float>(f());
+    BY_TYPE(exact_bits, f());
 }
 
 // The checks in their order: pointers, count, sizes, inner sizes, strides,
@@ -382,10 +383,7 @@ template <class T> void statuses(const Fn& f) {
     EXPECT_TRUE(c.check(c.count));
 }
 TEST_P(EachFunction, ChecksInOrder) {
-    if (f().f64)
-        statuses<double>(f());
-    else
-        statuses<float>(f());
+    BY_TYPE(statuses, f());
 }
 
 // The parallel limit of every array function, contiguous and strided: the
@@ -447,10 +445,7 @@ template <class T> void limits(const Fn& f) {
     }
 }
 TEST_P(EachArrayFunction, ParallelLimit) {
-    if (f().f64)
-        limits<double>(f());
-    else
-        limits<float>(f());
+    BY_TYPE(limits, f());
 }
 
 // The same bits with one thread and with two, on an unrolled order and on
@@ -466,10 +461,7 @@ template <class T> void thread_counts(const Fn& f) {
         }
 }
 TEST_P(EachArrayFunction, ThreadCountIndependent) {
-    if (f().f64)
-        thread_counts<double>(f());
-    else
-        thread_counts<float>(f());
+    BY_TYPE(thread_counts, f());
 }
 
 INSTANTIATE_TEST_SUITE_P(Mul, EachFunction, ::testing::Range(0, int(kFns.size())), fn_name);
