@@ -46,8 +46,8 @@ namespace ORSM_TARGET {
 
 #define ORSM_UNROLL _Pragma("GCC unroll 16")
 
-// Columns are carried in vector registers of the target's width (16 bytes
-// unless the including source says otherwise): a row of op(src2) or of
+// Columns are carried in vector registers of the target's width
+// (ORSM_VECTOR_BYTES, 16 unless the including source sets it): a row of op(src2) or of
 // running sums is a few vectors, the last one padded with zero columns that
 // are computed and never stored. Lanes run over the columns j only.
 #ifndef ORSM_VECTOR_BYTES
@@ -73,7 +73,7 @@ inline vec_t<T> load_vec(const A& a, int n, int r, std::index_sequence<L...>) {
     if constexpr (packed_rows<A>::value && V0 + Vec<T>::lanes <= N) {
         std::memcpy(&v, &a(n, r, V0), sizeof v);
     } else {
-        v = vec_t<T>{(V0 + int(L) < N ? T(a(n, r, (V0 + int(L) < N ? V0 + int(L) : 0))) : T(0))...};
+        v = vec_t<T>{(V0 + int(L) < N ? T(a(n, r, V0 + int(L))) : T(0))...};
     }
     return v;
 }
@@ -166,6 +166,9 @@ template <Paths p, Fixed F, class A, class B, class D>
 void run(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
     constexpr auto has = [](int order) { return ((p.orders >> order) & 1u) != 0; };
     if constexpr (p.quirk == Quirk::or_sizes) {
+        // Quirk: orders 3 and 4 tested on the OR of the stored sizes (the
+        // OR of M, K and N once the inner sizes match); sizes 1 to 3 mixed
+        // run the order-3 path over nine entries of every table.
         if ((M | K | N) == 3) return order_path<3, 3, 3, F>(as_3x3(a), as_3x3(b), as_3x3(d), count);
     }
     if (M == K && K == N) {
@@ -179,6 +182,9 @@ void run(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
             if (M == 6) return order_path<6, 6, 6, F>(a, b, d, count);
     }
     if constexpr (p.quirk == Quirk::mat_n3) {
+        // Quirk: the order-4 entry test wants N 3 and the path runs as N 4,
+        // reading a fourth stored row of src2 and storing one element past
+        // each dst row; a true order 4 falls to the general loop.
         if (M == 4 && K == 4 && N == 3) return order_path<4, 4, 4, F>(a, b, d, count);
     }
     if constexpr (p.via != Via::own) {
