@@ -38,9 +38,13 @@ template <class A> struct OneOp {
 template <class E> struct CstOp {
     E value;
 };
+template <class A> ArrOp<A> arr_op(const A& a) { return {a}; }
+template <class E> CstOp<E> cst_op(E v) { return {v}; }
 
-// Below this many objects the kernels' own paths are as quick.
-inline constexpr int kFastMinCount = 8;
+// Below these counts the kernels' own paths are as quick (measured on 4 by
+// 4 and 3 by 3 objects): the planes path pays a call per table entry.
+inline constexpr int kPlanesMinCount = 16;
+inline constexpr int kFlatMinCount = 8;
 // Most table entries (elements per object) the planes path checks; most
 // elements of a single operand the flat path holds.
 inline constexpr int kMaxPlanes = 256;
@@ -87,7 +91,7 @@ bool planes_path(const PAcc<T>& d, const A& a, const B& b, int w, int h, int cou
     using namespace fast;
     constexpr ptrdiff_t es = sizeof(T);
     static_assert(kind<A> == 0 || kind<B> == 0, "an array form has an array source");
-    if (count < kFastMinCount || d.s0 != es || !planes_fit(a, es) || !planes_fit(b, es)) return false;
+    if (count < kPlanesMinCount || d.s0 != es || !planes_fit(a, es) || !planes_fit(b, es)) return false;
     const long E = long(w) * h;
     if (E > kMaxPlanes) return false;
 
@@ -169,7 +173,7 @@ bool flat_path(const SAcc<T, true>& d, const A& a, const B& b, int w, int h, int
     } else {
         static_assert(kind<A> == 0 || kind<B> == 0, "an array form has an array source");
         const long E = long(w) * h;
-        if (count < kFastMinCount || !packed(d, w, h, count)) return false;
+        if (count < kFlatMinCount || !packed(d, w, h, count)) return false;
         const ptrdiff_t total = ptrdiff_t(count) * E;
         const std::uintptr_t lo = addr(d.base), hi = lo + std::uintptr_t(total) * sizeof(T);
         // An array source is dst itself or apart from it; a single one apart.

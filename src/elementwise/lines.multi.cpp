@@ -1,22 +1,32 @@
 // Run kernels of the element-wise fast paths, for one instruction-set target
 // (this file is compiled once per target; see kernels/isa.hpp).
 //
-// A run goes in 64-byte chunks, then 16-byte chunks, then single elements.
+// A run goes in chunks of the target's vector width (16, 32 or 64 bytes),
+// then 16-byte chunks, then single elements.
 // Each chunk is loaded whole before it is stored, so dst may be the very
 // pointer of a source. The lanes run over independent elements: each one is
 // the single IEEE operation of the scalar code, so every target gives the
 // same bits.
 #include <cstring>
+#include <utility>
 
 #include "elementwise/lines.hpp"
 
-// The 64-byte vectors below never cross a call (every helper is inlined), so
+// The wide vectors below never cross a call (every helper is inlined), so
 // the note on their calling convention under narrower targets does not apply.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace orsm::ew {
 namespace ORSM_TARGET {
 namespace {
+
+#if defined(__AVX512F__)
+constexpr int kBytes = 64;
+#elif defined(__AVX2__)
+constexpr int kBytes = 32;
+#else
+constexpr int kBytes = 16;
+#endif
 
 template <class T, int Bytes> struct Wide {
     typedef T V __attribute__((vector_size(Bytes)));
@@ -35,26 +45,28 @@ template <class V, class T> ORSM_INLINE V chunk(const T* p, ptrdiff_t i) {
     std::memcpy(&v, p + i, sizeof v);
     return v;
 }
+template <class V, class T, std::size_t... K> ORSM_INLINE V splat(T s, std::index_sequence<K...>) {
+    return V{((void)K, s)...};
+}
 template <class V, class T> ORSM_INLINE V chunk(T s, ptrdiff_t) {
-    V v;
-    for (int k = 0; k < int(sizeof(V) / sizeof(T)); ++k) v[k] = s;
-    return v;
+    return splat<V>(s, std::make_index_sequence<sizeof(V) / sizeof(T)>());
 }
 template <class T> ORSM_INLINE T one(const T* p, ptrdiff_t i) { return p[i]; }
 template <class T> ORSM_INLINE T one(T s, ptrdiff_t) { return s; }
 
 template <int Op, class T, class X, class Y> ORSM_INLINE void run(T* d, X x, Y y, ptrdiff_t n) {
-    using W64 = Wide<T, 64>;
+    using WN = Wide<T, kBytes>;
     using W16 = Wide<T, 16>;
     ptrdiff_t i = 0;
-    for (; i + W64::lanes <= n; i += W64::lanes) {
-        const auto r = apply<Op>(chunk<typename W64::V, T>(x, i), chunk<typename W64::V, T>(y, i));
+    for (; i + WN::lanes <= n; i += WN::lanes) {
+        const auto r = apply<Op>(chunk<typename WN::V, T>(x, i), chunk<typename WN::V, T>(y, i));
         std::memcpy(d + i, &r, sizeof r);
     }
-    for (; i + W16::lanes <= n; i += W16::lanes) {
-        const auto r = apply<Op>(chunk<typename W16::V, T>(x, i), chunk<typename W16::V, T>(y, i));
-        std::memcpy(d + i, &r, sizeof r);
-    }
+    if constexpr (kBytes > 16)
+        for (; i + W16::lanes <= n; i += W16::lanes) {
+            const auto r = apply<Op>(chunk<typename W16::V, T>(x, i), chunk<typename W16::V, T>(y, i));
+            std::memcpy(d + i, &r, sizeof r);
+        }
     for (; i < n; ++i) d[i] = apply<Op>(one<T>(x, i), one<T>(y, i));
 }
 
@@ -63,21 +75,22 @@ template <int Op, class T> void vs(T* d, const T* a, T b, ptrdiff_t n) { run<Op,
 template <int Op, class T> void sv(T* d, T a, const T* b, ptrdiff_t n) { run<Op, T>(d, a, b, n); }
 
 // A pattern of `period` elements is first widened to a block of whole
-// periods that is also a whole number of 64-byte chunks (when that fits in
+// periods that is also a whole number of vector chunks (when that fits in
 // kRep elements), so each block is one run without a scalar tail.
 constexpr int kRep = 576;
 constexpr int gcd(int a, int b) { return b == 0 ? a : gcd(b, a % b); }
 
 template <int Op, bool PatFirst, class T>
 void pattern(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
-    constexpr int lanes = Wide<T, 64>::lanes;
+    constexpr int lanes = Wide<T, kBytes>::lanes;
     T rep[kRep];
     const T* blk = pat;
     ptrdiff_t len = period;
     const long wide = long(period) / gcd(period, lanes) * lanes;
     if (wide <= kRep && n > period) {
         len = wide < n ? wide : n;
-        for (ptrdiff_t i = 0; i < len; ++i) rep[i] = pat[i % period];
+        for (ptrdiff_t i = 0; i < len; i += period)
+            std::memcpy(rep + i, pat, sizeof(T) * size_t(len - i < period ? len - i : period));
         blk = rep;
     }
     for (ptrdiff_t i = 0; i < n; i += len) {

@@ -99,8 +99,7 @@ template <char Lay, bool trans, bool array, class D, class S, class T>
 OrsStatus mat_share(const D& d, const S& s, T v, int width, int height, int k) {
     if constexpr (Lay == 'P') {
         if constexpr (array)
-            if (planes_path<opMul, T>(d, ArrOp<decltype(read_as<trans>(s))>{read_as<trans>(s)},
-                                      CstOp<T>{v}, width, height, k))
+            if (planes_path<opMul, T>(d, arr_op(read_as<trans>(s)), cst_op(v), width, height, k))
                 return StatusOk;
         return mat_kernel<mat_orders<trans, array, T>(Kind::P), trans>(d, read_as<trans>(s), v,
                                                                         width, height, k);
@@ -109,7 +108,7 @@ OrsStatus mat_share(const D& d, const S& s, T v, int width, int height, int k) {
             const auto sc = read_as<trans>(s.template as<true>());
             const auto dc = d.template as<true>();
             if constexpr (Lay == 'S' && array)
-                if (flat_path<opMul, T>(dc, ArrOp<decltype(sc)>{sc}, CstOp<T>{v}, width, height, k))
+                if (flat_path<opMul, T>(dc, arr_op(sc), cst_op(v), width, height, k))
                     return StatusOk;
             return mat_kernel<mat_orders<trans, array, T>(Kind::Contig), trans>(dc, sc, v, width,
                                                                                 height, k);
