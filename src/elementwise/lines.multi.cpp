@@ -54,15 +54,19 @@ template <class V, class T> ORSM_INLINE V chunk(T s, ptrdiff_t) {
 template <class T> ORSM_INLINE T one(const T* p, ptrdiff_t i) { return p[i]; }
 template <class T> ORSM_INLINE T one(T s, ptrdiff_t) { return s; }
 
-template <int Op, class T, class X, class Y> ORSM_INLINE void run(T* d, X x, Y y, ptrdiff_t n) {
-    using WN = Wide<T, kBytes>;
+// Runs longer than this stream through memory, where 16-byte loads and
+// stores go faster than wider ones on the machines measured.
+constexpr ptrdiff_t kStreamBytes = 1 << 18;
+
+template <int Op, int Bytes, class T, class X, class Y> ORSM_INLINE void run(T* d, X x, Y y, ptrdiff_t n) {
+    using WN = Wide<T, Bytes>;
     using W16 = Wide<T, 16>;
     ptrdiff_t i = 0;
     for (; i + WN::lanes <= n; i += WN::lanes) {
         const auto r = apply<Op>(chunk<typename WN::V, T>(x, i), chunk<typename WN::V, T>(y, i));
         std::memcpy(d + i, &r, sizeof r);
     }
-    if constexpr (kBytes > 16)
+    if constexpr (Bytes > 16)
         for (; i + W16::lanes <= n; i += W16::lanes) {
             const auto r = apply<Op>(chunk<typename W16::V, T>(x, i), chunk<typename W16::V, T>(y, i));
             std::memcpy(d + i, &r, sizeof r);
@@ -70,9 +74,13 @@ template <int Op, class T, class X, class Y> ORSM_INLINE void run(T* d, X x, Y y
     for (; i < n; ++i) d[i] = apply<Op>(one<T>(x, i), one<T>(y, i));
 }
 
-template <int Op, class T> void vv(T* d, const T* a, const T* b, ptrdiff_t n) { run<Op, T>(d, a, b, n); }
-template <int Op, class T> void vs(T* d, const T* a, T b, ptrdiff_t n) { run<Op, T>(d, a, b, n); }
-template <int Op, class T> void sv(T* d, T a, const T* b, ptrdiff_t n) { run<Op, T>(d, a, b, n); }
+template <int Op, class T, class X, class Y> void run_any(T* d, X x, Y y, ptrdiff_t n) {
+    if (n * ptrdiff_t(sizeof(T)) > kStreamBytes) run<Op, 16>(d, x, y, n);
+    else run<Op, kBytes>(d, x, y, n);
+}
+template <int Op, class T> void vv(T* d, const T* a, const T* b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
+template <int Op, class T> void vs(T* d, const T* a, T b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
+template <int Op, class T> void sv(T* d, T a, const T* b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
 
 // A pattern of `period` elements is first widened to a block of whole
 // periods that is also a whole number of vector chunks (when that fits in
@@ -80,9 +88,9 @@ template <int Op, class T> void sv(T* d, T a, const T* b, ptrdiff_t n) { run<Op,
 constexpr int kRep = 576;
 constexpr int gcd(int a, int b) { return b == 0 ? a : gcd(b, a % b); }
 
-template <int Op, bool PatFirst, class T>
+template <int Op, bool PatFirst, int Bytes, class T>
 void pattern(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
-    constexpr int lanes = Wide<T, kBytes>::lanes;
+    constexpr int lanes = Wide<T, Bytes>::lanes;
     T rep[kRep];
     const T* blk = pat;
     ptrdiff_t len = period;
@@ -95,15 +103,20 @@ void pattern(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
     }
     for (ptrdiff_t i = 0; i < n; i += len) {
         const ptrdiff_t k = n - i < len ? n - i : len;
-        if constexpr (PatFirst) run<Op, T>(d + i, blk, v + i, k);
-        else run<Op, T>(d + i, v + i, blk, k);
+        if constexpr (PatFirst) run<Op, Bytes>(d + i, blk, v + i, k);
+        else run<Op, Bytes>(d + i, v + i, blk, k);
     }
 }
+template <int Op, bool PatFirst, class T>
+void pattern_any(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
+    if (n * ptrdiff_t(sizeof(T)) > kStreamBytes) pattern<Op, PatFirst, 16>(d, v, pat, period, n);
+    else pattern<Op, PatFirst, kBytes>(d, v, pat, period, n);
+}
 template <int Op, class T> void vp(T* d, const T* a, const T* pat, int period, ptrdiff_t n) {
-    pattern<Op, false>(d, a, pat, period, n);
+    pattern_any<Op, false>(d, a, pat, period, n);
 }
 template <int Op, class T> void pv(T* d, const T* pat, const T* b, int period, ptrdiff_t n) {
-    pattern<Op, true>(d, b, pat, period, n);
+    pattern_any<Op, true>(d, b, pat, period, n);
 }
 
 template <class T> constexpr RunTable<T> table() {
