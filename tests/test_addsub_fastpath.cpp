@@ -44,14 +44,17 @@ Place single(Place p) {
     return p;
 }
 
-template <class T> T apply(char op, T x, T y) { return op == '+' ? x + y : op == '-' ? x - y : x * y; }
+template <class T>
+T apply(char op, T x, T y) {
+    return op == '+' ? x + y : op == '-' ? x - y : x * y;
+}
 
 // How the kernel that runs without the fast path walks the call.
 enum class Walk {
-    element,      // general loop: one element read and written at a time
-    whole,        // order path: each object read whole, then written
-    whole_held,   // order path with the single source read once, up front
-    element_major // what a fast path does: entry by entry, objects inside
+    element,       // general loop: one element read and written at a time
+    whole,         // order path: each object read whole, then written
+    whole_held,    // order path with the single source read once, up front
+    element_major  // what a fast path does: entry by entry, objects inside
 };
 
 // d = a op b over `count` objects of E elements; b may be absent (`value`).
@@ -97,9 +100,11 @@ struct Scenario {
 };
 
 // The library call: tables (P) or base pointers (S) into the buffer.
-template <class T> using Run = std::function<OrsStatus(T* m, const Scenario& s, T value, int w, int h, int count)>;
+template <class T>
+using Run = std::function<OrsStatus(T* m, const Scenario& s, T value, int w, int h, int count)>;
 
-template <class T> std::vector<T*> table(T* m, const Place& p) {
+template <class T>
+std::vector<T*> table(T* m, const Place& p) {
     std::vector<T*> t;
     for (long o : p.off) t.push_back(m + o);
     return t;
@@ -132,13 +137,34 @@ void check(const Scenario& s, const Run<T>& run, char op, int w, int h, int coun
         ASSERT_EQ(bits(mem[i]), bits(want[i])) << "element " << i << " of the buffer";
 }
 
-// The 32f or 64f member of a pair.
-template <class T, class F32, class F64> auto pick(F32 f32, F64 f64) {
-    if constexpr (sizeof(T) == 4) return f32;
-    else return f64;
+// Every scenario of a builder over a few counts; Mul by a constant has no
+// src2, so its scenarios on src2 drop out.
+using Builder = std::vector<Scenario> (*)(int E, int count, bool b_single, Walk walk, long& size);
+template <class T>
+void run_scenarios(Builder build, int w, int h, bool b_single, Walk walk, char op,
+                   const Run<T>& run) {
+    for (int count : {9, 17, 100}) {
+        SCOPED_TRACE(::testing::Message() << w << "x" << h << " count " << count);
+        long size = 0;
+        for (Scenario s : build(w * h, count, b_single, walk, size)) {
+            if (op == '*' && s.name.find("src2") != std::string::npos) continue;
+            s.has_b = op != '*';
+            check<T>(s, run, op, w, h, count, size);
+        }
+    }
 }
 
-template <class T> class Fastpath : public ::testing::Test {};
+// The 32f or 64f member of a pair.
+template <class T, class F32, class F64>
+auto pick(F32 f32, F64 f64) {
+    if constexpr (sizeof(T) == 4)
+        return f32;
+    else
+        return f64;
+}
+
+template <class T>
+class Fastpath : public ::testing::Test {};
 using Types = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(Fastpath, Types);
 
@@ -180,33 +206,23 @@ std::vector<Scenario> plane_scenarios(int E, int count, bool b_single, Walk walk
     return s;
 }
 
-template <class T> void run_planes(int w, int h, bool b_single, Walk walk, char op, const Run<T>& run) {
-    for (int count : {9, 17, 100}) {
-        SCOPED_TRACE(::testing::Message() << w << "x" << h << " count " << count);
-        long size = 0;
-        for (Scenario s : plane_scenarios(w * h, count, b_single, walk, size)) {
-            if (op == '*' && s.name.find("src2") != std::string::npos) continue;
-            s.has_b = op != '*';
-            check<T>(s, run, op, w, h, count, size);
-        }
-    }
-}
-
 TYPED_TEST(Fastpath, PlanesThatMeetDstFallBackToObjectOrder) {
     using T = TypeParam;
     // Vector Add and Sub in layout P have the general loop only.
-    run_planes<T>(5, 1, false, Walk::element, '+', [](T* m, const Scenario& s, T, int w, int, int n) {
-        const auto a = table(m, s.a), b = table(m, s.b), d = table(m, s.d);
-        const int es = sizeof(T);
-        return pick<T>(orsmAdd_vava_32f_P, orsmAdd_vava_64f_P)(a.data(), 0, es, b.data(), 0, es,
-                                                               d.data(), 0, es, w, n);
-    });
-    run_planes<T>(6, 1, true, Walk::element, '-', [](T* m, const Scenario& s, T, int w, int, int n) {
-        const auto a = table(m, s.a), b = table(m, s.b), d = table(m, s.d);
-        const int es = sizeof(T);
-        return pick<T>(orsmSub_vav_32f_P, orsmSub_vav_64f_P)(a.data(), 0, es, b.data(), 0,
-                                                             d.data(), 0, es, w, n);
-    });
+    run_scenarios<T>(plane_scenarios, 5, 1, false, Walk::element, '+',
+                     [](T* m, const Scenario& s, T, int w, int, int n) {
+                         const auto a = table(m, s.a), b = table(m, s.b), d = table(m, s.d);
+                         const int es = sizeof(T);
+                         return pick<T>(orsmAdd_vava_32f_P, orsmAdd_vava_64f_P)(
+                             a.data(), 0, es, b.data(), 0, es, d.data(), 0, es, w, n);
+                     });
+    run_scenarios<T>(plane_scenarios, 6, 1, true, Walk::element, '-',
+                     [](T* m, const Scenario& s, T, int w, int, int n) {
+                         const auto a = table(m, s.a), b = table(m, s.b), d = table(m, s.d);
+                         const int es = sizeof(T);
+                         return pick<T>(orsmSub_vav_32f_P, orsmSub_vav_64f_P)(
+                             a.data(), 0, es, b.data(), 0, d.data(), 0, es, w, n);
+                     });
     // Matrix Add/Sub: order paths read each object whole (and hold a single
     // source); 7 by 5 takes the general loop.
     auto mama = [](T* m, const Scenario& s, T, int w, int h, int n) {
@@ -215,22 +231,24 @@ TYPED_TEST(Fastpath, PlanesThatMeetDstFallBackToObjectOrder) {
         return pick<T>(orsmAdd_mama_32f_P, orsmAdd_mama_64f_P)(a.data(), 0, es, b.data(), 0, es,
                                                                d.data(), 0, es, w, h, n);
     };
-    run_planes<T>(3, 3, false, Walk::whole, '+', mama);
-    run_planes<T>(7, 5, false, Walk::element, '+', mama);
+    run_scenarios<T>(plane_scenarios, 3, 3, false, Walk::whole, '+', mama);
+    run_scenarios<T>(plane_scenarios, 7, 5, false, Walk::element, '+', mama);
     auto mam = [](T* m, const Scenario& s, T, int w, int h, int n) {
         const auto a = table(m, s.a), b = table(m, s.b), d = table(m, s.d);
         const int es = sizeof(T);
-        return pick<T>(orsmSub_mam_32f_P, orsmSub_mam_64f_P)(a.data(), 0, es, b.data(), 0,
-                                                             d.data(), 0, es, w, h, n);
+        return pick<T>(orsmSub_mam_32f_P, orsmSub_mam_64f_P)(a.data(), 0, es, b.data(), 0, d.data(),
+                                                             0, es, w, h, n);
     };
-    run_planes<T>(4, 4, true, Walk::whole_held, '-', mam);
-    run_planes<T>(7, 5, true, Walk::element, '-', mam);
+    run_scenarios<T>(plane_scenarios, 4, 4, true, Walk::whole_held, '-', mam);
+    run_scenarios<T>(plane_scenarios, 7, 5, true, Walk::element, '-', mam);
     // Mul by a constant: length 7 takes the general loop.
-    run_planes<T>(7, 1, true, Walk::element, '*', [](T* m, const Scenario& s, T v, int w, int, int n) {
-        const auto a = table(m, s.a), d = table(m, s.d);
-        const int es = sizeof(T);
-        return pick<T>(orsmMul_vac_32f_P, orsmMul_vac_64f_P)(a.data(), 0, es, v, d.data(), 0, es, w, n);
-    });
+    run_scenarios<T>(plane_scenarios, 7, 1, true, Walk::element, '*',
+                     [](T* m, const Scenario& s, T v, int w, int, int n) {
+                         const auto a = table(m, s.a), d = table(m, s.d);
+                         const int es = sizeof(T);
+                         return pick<T>(orsmMul_vac_32f_P, orsmMul_vac_64f_P)(
+                             a.data(), 0, es, v, d.data(), 0, es, w, n);
+                     });
 }
 
 // ---- layout S: packed arrays ------------------------------------------------------
@@ -243,57 +261,52 @@ std::vector<Scenario> block_scenarios(int E, int count, bool b_single, Walk walk
     const Place pb = b_single ? single(block(B, E)) : block(B, E);
     std::vector<Scenario> s;
     s.push_back({"dst one element past src1", pa, pb, block(A + 1, E), true, walk, false});
-    s.push_back({"dst one object and one element past src1", pa, pb, block(A + E + 1, E), true, walk, false});
+    s.push_back({"dst one object and one element past src1", pa, pb, block(A + E + 1, E), true,
+                 walk, false});
     s.push_back({"dst one element before src2", pa, pb, block(B - 1, E), true, walk, false});
     s.push_back({"in place on src1", pa, pb, pa, true, walk, false});
     if (!b_single) {
         s.push_back({"in place on src2", pa, pb, pb, true, walk, false});
     } else {
         Place inside = single(block(D + long(E) * (count / 2), E));
-        s.push_back({"single src2 inside the dst block", pa, inside, block(D, E), true, walk, false});
+        s.push_back(
+            {"single src2 inside the dst block", pa, inside, block(D, E), true, walk, false});
     }
     return s;
-}
-
-template <class T> void run_blocks(int w, int h, bool b_single, Walk walk, char op, const Run<T>& run) {
-    for (int count : {9, 17, 100}) {
-        SCOPED_TRACE(::testing::Message() << w << "x" << h << " count " << count);
-        long size = 0;
-        for (Scenario s : block_scenarios(w * h, count, b_single, walk, size)) {
-            if (op == '*' && s.name.find("src2") != std::string::npos) continue;
-            s.has_b = op != '*';
-            check<T>(s, run, op, w, h, count, size);
-        }
-    }
 }
 
 TYPED_TEST(Fastpath, PackedArraysThatMeetDstFallBackToObjectOrder) {
     using T = TypeParam;
     auto mama = [](T* m, const Scenario& s, T, int w, int h, int n) {
         const int es = sizeof(T), s0 = w * h * es, s1 = w * es;
-        return pick<T>(orsmAdd_mama_32f, orsmAdd_mama_64f)(m + s.a.off[0], s0, s1, es, m + s.b.off[0], s0,
-                                                           s1, es, m + s.d.off[0], s0, s1, es, w, h, n);
+        return pick<T>(orsmAdd_mama_32f, orsmAdd_mama_64f)(m + s.a.off[0], s0, s1, es,
+                                                           m + s.b.off[0], s0, s1, es,
+                                                           m + s.d.off[0], s0, s1, es, w, h, n);
     };
-    run_blocks<T>(4, 4, false, Walk::whole, '+', mama);
-    run_blocks<T>(7, 5, false, Walk::element, '+', mama);
+    run_scenarios<T>(block_scenarios, 4, 4, false, Walk::whole, '+', mama);
+    run_scenarios<T>(block_scenarios, 7, 5, false, Walk::element, '+', mama);
     auto mam = [](T* m, const Scenario& s, T, int w, int h, int n) {
         const int es = sizeof(T), s0 = w * h * es, s1 = w * es;
-        return pick<T>(orsmSub_mam_32f, orsmSub_mam_64f)(m + s.a.off[0], s0, s1, es, m + s.b.off[0], s1, es,
-                                                         m + s.d.off[0], s0, s1, es, w, h, n);
+        return pick<T>(orsmSub_mam_32f, orsmSub_mam_64f)(m + s.a.off[0], s0, s1, es, m + s.b.off[0],
+                                                         s1, es, m + s.d.off[0], s0, s1, es, w, h,
+                                                         n);
     };
-    run_blocks<T>(4, 4, true, Walk::whole_held, '-', mam);
-    run_blocks<T>(7, 5, true, Walk::element, '-', mam);
+    run_scenarios<T>(block_scenarios, 4, 4, true, Walk::whole_held, '-', mam);
+    run_scenarios<T>(block_scenarios, 7, 5, true, Walk::element, '-', mam);
     // Vectors of length 7 take the general loop.
-    run_blocks<T>(7, 1, false, Walk::element, '+', [](T* m, const Scenario& s, T, int w, int, int n) {
-        const int es = sizeof(T);
-        return pick<T>(orsmAdd_vava_32f, orsmAdd_vava_64f)(m + s.a.off[0], w * es, es, m + s.b.off[0],
-                                                           w * es, es, m + s.d.off[0], w * es, es, w, n);
-    });
-    run_blocks<T>(7, 1, true, Walk::element, '*', [](T* m, const Scenario& s, T v, int w, int, int n) {
-        const int es = sizeof(T);
-        return pick<T>(orsmMul_vac_32f, orsmMul_vac_64f)(m + s.a.off[0], w * es, es, v, m + s.d.off[0],
-                                                         w * es, es, w, n);
-    });
+    run_scenarios<T>(block_scenarios, 7, 1, false, Walk::element, '+',
+                     [](T* m, const Scenario& s, T, int w, int, int n) {
+                         const int es = sizeof(T);
+                         return pick<T>(orsmAdd_vava_32f, orsmAdd_vava_64f)(
+                             m + s.a.off[0], w * es, es, m + s.b.off[0], w * es, es, m + s.d.off[0],
+                             w * es, es, w, n);
+                     });
+    run_scenarios<T>(block_scenarios, 7, 1, true, Walk::element, '*',
+                     [](T* m, const Scenario& s, T v, int w, int, int n) {
+                         const int es = sizeof(T);
+                         return pick<T>(orsmMul_vac_32f, orsmMul_vac_64f)(
+                             m + s.a.off[0], w * es, es, v, m + s.d.off[0], w * es, es, w, n);
+                     });
 }
 
 }  // namespace
