@@ -108,6 +108,7 @@ struct Geometry {
     int w, h, count;
     bool contiguous = true;  // S, L: element strides equal to the element size
     bool soa = false;        // P: object stride equal to the element size
+    bool packed = false;     // S: rows and objects back to back
 };
 
 // Sources as stored (a transposed one has width rows and height columns) and
@@ -125,6 +126,7 @@ template <class T> struct Call3 {
         s.count = arr ? g.count : 1;
         s.contiguous = g.contiguous;
         s.soa = g.soa && arr;
+        if (g.packed) s.row_gap = s.obj_gap = 0;
         return s;
     }
     // A single operand of a layout L function is passed as in layout S.
@@ -220,6 +222,28 @@ TYPED_TEST(AddSubMat, EveryFormMatchesTheScalarReference) {
                     ASSERT_EQ(c.run(), StatusOk);
                     ASSERT_TRUE(results_ok(c, n));
                 }
+    }
+}
+
+// The storage that takes the fast paths: planes of one element stride (P),
+// packed arrays (S); counts below their threshold, and with tails after
+// whole runs of every vector width.
+TYPED_TEST(AddSubMat, FastPathsMatchTheScalarReference) {
+    using T = TypeParam;
+    unsigned seed = 7;
+    for (const auto& row : rows<T>()) {
+        if (!row.form.array() || row.lay == Layout::L) continue;
+        SCOPED_TRACE(row.name);
+        for (auto [w, h] : {std::pair{3, 3}, {4, 4}, {5, 5}, {6, 6}, {2, 3}, {7, 5}})
+            for (int n : {1, 7, 17, 1000}) {
+                Geometry g{w, h, n};
+                g.soa = row.lay == Layout::P;
+                g.packed = row.lay == Layout::S;
+                SCOPED_TRACE(::testing::Message() << w << "x" << h << " count " << n);
+                Call3<T> c(row, g, seed++);
+                ASSERT_EQ(c.run(), StatusOk);
+                ASSERT_TRUE(results_ok(c, n));
+            }
     }
 }
 

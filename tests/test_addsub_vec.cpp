@@ -63,6 +63,11 @@ TYPED_TEST(AddSubVec, ResultsBitExact) {
     check_results(cases<TypeParam>(), vector_sizes(), {1, 5});
 }
 
+// Planes of one element stride (P) and packed arrays (S) take the fast paths.
+TYPED_TEST(AddSubVec, FastPathsBitExact) {
+    check_results(cases<TypeParam>(), fast_vector_sizes(), fast_counts(), fast_modes);
+}
+
 TYPED_TEST(AddSubVec, CheckOrder) { check_order(cases<TypeParam>(), 4, 1); }
 
 TYPED_TEST(AddSubVec, EveryArgumentChecked) { check_each_argument(cases<TypeParam>(), 4, 1); }

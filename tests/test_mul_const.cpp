@@ -68,6 +68,12 @@ TYPED_TEST(MulConst, MatrixResultsBitExact) {
     check_results(matrix_cases<TypeParam>(), sizes, {1, 4});
 }
 
+// Planes of one element stride (P) and packed arrays (S) take the fast paths.
+TYPED_TEST(MulConst, FastPathsBitExact) {
+    check_results(vector_cases<TypeParam>(), fast_vector_sizes(), fast_counts(), fast_modes);
+    check_results(matrix_cases<TypeParam>(), fast_matrix_sizes(), fast_counts(), fast_modes);
+}
+
 TYPED_TEST(MulConst, CheckOrder) {
     check_order(vector_cases<TypeParam>(), 4, 1);
     check_order(matrix_cases<TypeParam>(), 4, 3);

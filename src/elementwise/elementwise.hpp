@@ -18,17 +18,22 @@
 #include <cstdint>
 
 #include "common/layout.hpp"
+#include "elementwise/fastpath.hpp"
 
 namespace orsm::ew {
 
+// `id` numbers the operation in the run tables of the fast paths.
 struct AddOp {
-    template <class T> static T apply(T a, T b) { return a + b; }
+    static constexpr int id = opAdd;
+    template <class T> ORSM_INLINE static T apply(T a, T b) { return a + b; }
 };
 struct SubOp {
-    template <class T> static T apply(T a, T b) { return a - b; }
+    static constexpr int id = opSub;
+    template <class T> ORSM_INLINE static T apply(T a, T b) { return a - b; }
 };
 struct MulOp {
-    template <class T> static T apply(T a, T b) { return a * b; }
+    static constexpr int id = opMul;
+    template <class T> ORSM_INLINE static T apply(T a, T b) { return a * b; }
 };
 
 // An array operand: object n is its own vector.
@@ -67,6 +72,11 @@ template <class E> struct Cst {
 template <class A> Many<A> many(A a) { return {a}; }
 template <class A> One<A> one(A a) { return {a}; }
 template <class E> Cst<E> cst(E v) { return {v}; }
+
+// The same operands as the fast paths see them.
+template <class A> ArrOp<A> fast_view(const Many<A>& m) { return {m.acc}; }
+template <class A> OneOp<A> fast_view(const One<A>& o) { return {o.acc}; }
+template <class E> CstOp<E> fast_view(const Cst<E>& c) { return {c.value}; }
 
 // The contiguity test of layouts S and L over all operands of a call.
 template <class T, class... O> bool contiguous(const O&... o) {
@@ -177,11 +187,18 @@ template <char Lay, class Paths, class Op, class D, class A, class B>
 OrsStatus vec_share(const D& d, const A& a, const B& b, int len, int k) {
     using T = Plain<typename D::value_type>;
     if constexpr (Lay == 'P') {
+        if constexpr (!A::single || !B::single)
+            if (planes_path<Op::id, T>(d, fast_view(a), fast_view(b), len, 1, k)) return StatusOk;
         return vec_kernel<Paths::of(Kind::P), Op>(d, a, b, len, k);
     } else {
-        if (contiguous<T>(many(d), a, b))
-            return vec_kernel<Paths::of(Kind::Contig), Op>(d.template as<true>(), a.template as<true>(),
-                                                       b.template as<true>(), len, k);
+        if (contiguous<T>(many(d), a, b)) {
+            const auto dc = d.template as<true>();
+            const auto ac = a.template as<true>();
+            const auto bc = b.template as<true>();
+            if constexpr (Lay == 'S' && (!A::single || !B::single))
+                if (flat_path<Op::id, T>(dc, fast_view(ac), fast_view(bc), len, 1, k)) return StatusOk;
+            return vec_kernel<Paths::of(Kind::Contig), Op>(dc, ac, bc, len, k);
+        }
         return vec_kernel<Paths::of(Lay == 'S' ? Kind::S2 : Kind::LS2), Op>(d, a, b, len, k);
     }
 }

@@ -185,6 +185,11 @@ template <bool Tr, class Acc> auto logical(const Acc& a) {
     if constexpr (Tr) return transposed(a);
     else return a;
 }
+// A source as the fast paths see it: an array or a single matrix.
+template <bool Arr, class Acc> auto fast_view(const Acc& a) {
+    if constexpr (Arr) return ew::ArrOp<Acc>{a};
+    else return ew::OneOp<Acc>{a};
+}
 template <unsigned Orders, class Op, Form F, bool Ahead, class A, class B, class D>
 OrsStatus run(const A& a, const B& b, const D& d, int w, int h, int count) {
     return kernel<Orders, Op, F, Ahead>(logical<F.a_t>(a), logical<F.b_t>(b), d, w, h, count);
@@ -204,11 +209,22 @@ OrsStatus serial(bool contig, const A& a, const B& b, const D& d, int w, int h, 
     using Op = OpOf<Fm>;
     constexpr bool ahead = runs_ahead<T>(F);
     if constexpr (L == Lay::P) {
+        if constexpr (F.array())
+            if (ew::planes_path<Op::id, T>(d, fast_view<F.a_arr>(logical<F.a_t>(a)),
+                                           fast_view<F.b_arr>(logical<F.b_t>(b)), w, h, count))
+                return StatusOk;
         return run<p_orders(F), Op, F, false>(a, b, d, w, h, count);
     } else if constexpr (L == Lay::S) {
-        if (contig)
-            return run<contig_orders<T>(Fm, F), Op, F, ahead>(
-                a.template as<true>(), b.template as<true>(), d.template as<true>(), w, h, count);
+        if (contig) {
+            const auto ac = a.template as<true>();
+            const auto bc = b.template as<true>();
+            const auto dc = d.template as<true>();
+            if constexpr (F.array())
+                if (ew::flat_path<Op::id, T>(dc, fast_view<F.a_arr>(logical<F.a_t>(ac)),
+                                             fast_view<F.b_arr>(logical<F.b_t>(bc)), w, h, count))
+                    return StatusOk;
+            return run<contig_orders<T>(Fm, F), Op, F, ahead>(ac, bc, dc, w, h, count);
+        }
         return run<s2_orders<T>(Fm, F), Op, F, false>(a, b, d, w, h, count);
     } else {
         if (contig) {

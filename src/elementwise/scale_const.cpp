@@ -98,12 +98,21 @@ template <bool trans, class A> auto read_as(const A& a) {
 template <char Lay, bool trans, bool array, class D, class S, class T>
 OrsStatus mat_share(const D& d, const S& s, T v, int width, int height, int k) {
     if constexpr (Lay == 'P') {
+        if constexpr (array)
+            if (planes_path<opMul, T>(d, arr_op(read_as<trans>(s)), cst_op(v), width, height, k))
+                return StatusOk;
         return mat_kernel<mat_orders<trans, array, T>(Kind::P), trans>(d, read_as<trans>(s), v,
                                                                         width, height, k);
     } else {
-        if (all_contiguous<T>(s.s2_, d.s2_))
-            return mat_kernel<mat_orders<trans, array, T>(Kind::Contig), trans>(
-                d.template as<true>(), read_as<trans>(s.template as<true>()), v, width, height, k);
+        if (all_contiguous<T>(s.s2_, d.s2_)) {
+            const auto sc = read_as<trans>(s.template as<true>());
+            const auto dc = d.template as<true>();
+            if constexpr (Lay == 'S' && array)
+                if (flat_path<opMul, T>(dc, arr_op(sc), cst_op(v), width, height, k))
+                    return StatusOk;
+            return mat_kernel<mat_orders<trans, array, T>(Kind::Contig), trans>(dc, sc, v, width,
+                                                                                height, k);
+        }
         return mat_kernel<mat_orders<trans, array, T>(Lay == 'S' ? Kind::S2 : Kind::LS2), trans>(
             d, read_as<trans>(s), v, width, height, k);
     }

@@ -185,13 +185,22 @@ inline std::string array_order(Layout l) {
 struct Mode {
     bool ca = true, cb = true, cd = true;
     bool soa = false;
+    bool packed = false;  // S, L: rows and objects back to back, no gaps
     std::string str() const {
-        return std::string(ca ? "c" : "s") + (cb ? "c" : "s") + (cd ? "c" : "s") + (soa ? "/soa" : "");
+        return std::string(ca ? "c" : "s") + (cb ? "c" : "s") + (cd ? "c" : "s") + (soa ? "/soa" : "") +
+               (packed ? "/packed" : "");
     }
 };
 inline std::vector<Mode> modes(Layout l) {
     if (l == Layout::P) return {Mode{true, true, true, false}, Mode{true, true, true, true}};
     return {Mode{}, Mode{false, false, false}, Mode{true, true, false}, Mode{false, true, true}};
+}
+// The storage that the fast paths take: planes of one element stride in
+// layout P, packed contiguous arrays in layout S (none in layout L).
+inline std::vector<Mode> fast_modes(Layout l) {
+    if (l == Layout::P) return {Mode{true, true, true, true}};
+    if (l == Layout::S) return {Mode{true, true, true, false, true}};
+    return {};
 }
 
 // Operands of one call, filled with awkward values.
@@ -211,6 +220,7 @@ template <class T> struct Trial {
             sh.count = kind == 'A' ? count : 1;
             sh.contiguous = contig;
             sh.soa = m.soa && kind == 'A';
+            if (m.packed) sh.row_gap = sh.obj_gap = 0;
             // A single operand of an L call is passed as in layout S.
             const Layout l = (kind == 'O' && cs.lay == Layout::L) ? Layout::S : cs.lay;
             return std::make_unique<Operand<T>>(l, sh, s);
@@ -289,14 +299,23 @@ inline std::vector<std::pair<int, int>> vector_sizes() {
     return sizes;
 }
 
+// Counts for the fast paths: below their threshold, and a tail after whole
+// runs of every vector width; sizes with runs of one element per object and
+// periods that do not divide the vector width.
+inline std::vector<int> fast_counts() { return {1, 7, 17, 1000}; }
+inline std::vector<std::pair<int, int>> fast_vector_sizes() { return {{1, 1}, {3, 1}, {4, 1}, {7, 1}, {16, 1}, {41, 1}}; }
+inline std::vector<std::pair<int, int>> fast_matrix_sizes() {
+    return {{3, 3}, {4, 4}, {5, 5}, {6, 6}, {2, 3}, {7, 5}};
+}
+
 // Runs every case over its modes, the given sizes and counts, and checks
 // each result bit for bit.
 template <class T>
 void check_results(const std::vector<Case<T>>& cases, const std::vector<std::pair<int, int>>& sizes,
-                   const std::vector<int>& counts) {
+                   const std::vector<int>& counts, std::vector<Mode> (*mode_list)(Layout) = modes) {
     unsigned seed = 11;
     for (const auto& cs : cases)
-        for (const Mode& m : modes(cs.lay))
+        for (const Mode& m : mode_list(cs.lay))
             for (auto [w, h] : sizes)
                 for (int count : cs.array() ? counts : std::vector<int>{1}) {
                     Trial<T> s(cs, m, w, h, count, seed++);
