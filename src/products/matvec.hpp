@@ -171,23 +171,37 @@ template <class A> auto contig(const Term<A>& t) { return t.contig(); }
 // ---- fast paths (matvec_fast.hpp), square orders 3 to 6 ------------------
 
 inline bool fast_order(int M, int K) { return M == K && M >= 3 && M <= 6; }
+// The table slot of order N, 3 to 6.
+inline int order_slot(int N) {
+    if (N < 3 || N > 6) __builtin_unreachable();
+    return N - 3;
+}
 
 template <class T, bool C> Ref<T> ref(const SAcc<T, C>& s) { return {s.base, nullptr, s.s0, 0, s.s1}; }
 template <class T, bool C> Ref<T> ref(const LAcc<T, C>& l) { return {nullptr, l.table, 0, l.shift, l.s1}; }
 template <class A> auto ref(const Term<A>& t) { return ref(t.y); }
 
-// A contiguous S or L kernel of order N through the rows kernel with the
-// same traits.
+// A contiguous S or L kernel of order N through the fast kernel with the
+// same traits; false, with nothing done, where the target has none.
 template <Cell c, bool Trans, class A, class X, class D, class Y>
-OrsStatus rows_path(const A& a, const X& x, const D& d, const Y& y, int N, int count) {
+bool rows_path(const A& a, const X& x, const D& d, const Y& y, int N, int count) {
     using T = elem_t<D>;
     constexpr bool term = !std::is_same_v<Y, NoTerm>;
     constexpr int key = row_key_index<T>({Trans, c.fixed, term, c.tree});
     static_assert(key >= 0, "every contiguous kernel has its rows kernel");
     RowArgs<T> g{ref(a), ref(x), {}, ref(d), count};
     if constexpr (term) g.y = ref(y);
-    kernels<T>().rows[key][N - 3](g);
-    return StatusOk;
+    // Packed: layout S, array vectors N elements apart, array matrices N by N
+    // with rows N elements apart (a fixed operand may lie anywhere).
+    const ptrdiff_t E = sizeof(T), vec = N * E;
+    const bool packed = !g.a.table && !g.x.table && !g.y.table && !g.d.table &&
+                        (c.fixed == Fixed::Mat || (g.a.s0 == N * vec && g.a.s1 == vec)) &&
+                        (c.fixed == Fixed::Vec || g.x.s0 == vec) && (!term || g.y.s0 == vec) &&
+                        g.d.s0 == vec;
+    const auto fn = (packed ? kernels<T>().packed : kernels<T>().rows)[key][order_slot(N)];
+    if (!fn) return false;
+    fn(g);
+    return true;
 }
 
 // A P kernel of order N through the SoA kernel, when every array operand
@@ -216,7 +230,7 @@ bool soa_path(const A& a, const X& x, const D& d, const Y& y, int N, int count) 
                          : c.fixed == Fixed::Mat ? soaVecs
                          : c.fixed == Fixed::Vec ? soaMats
                                                  : soaBoth;
-    kernels<T>().soa[kind][N - 3](g);
+    kernels<T>().soa[kind][order_slot(N)](g);
     return true;
 }
 
@@ -254,7 +268,7 @@ OrsStatus frame(OrsStatus st, const A& a, const X& x, const D& d, const Y& y, in
                 const auto xc = contig(xf);
                 const auto dc = contig(df);
                 const auto yc = contig(yf);
-                if (fast_order(M, K)) return rows_path<c, tr>(ac, xc, dc, yc, M, k);
+                if (fast_order(M, K) && rows_path<c, tr>(ac, xc, dc, yc, M, k)) return StatusOk;
                 return kernel<c, tr>(ac, xc, dc, yc, M, K, k);
             }
             return kernel<Fam::template cell<T>(ks), tr>(af, xf, df, yf, M, K, k);

@@ -106,7 +106,8 @@ enum SoaKind : int { soaBoth, soaVecs, soaMats, soaGaxpy, kSoaKinds };
 template <class T> struct Kernels {
     using RowFn = void (*)(const RowArgs<T>&);
     using SoaFn = void (*)(const SoaArgs<T>&);
-    RowFn rows[kMaxRowKeys][4];  // [key][order - 3]
+    RowFn rows[kMaxRowKeys][4];    // [key][order - 3]; null: none on this target
+    RowFn packed[kMaxRowKeys][4];  // the same, for packed layout S
     SoaFn soa[kSoaKinds][4];
 };
 struct Table {
