@@ -97,7 +97,8 @@ template <class T> struct Call {
     std::unique_ptr<Operand<T>> op[4];  // src1, src2, src3, dst
 
     // strided: bit j makes operand j strided (S and L); soa: P tables.
-    Call(bool array_, Layout l, int M_, int K_, int count_, unsigned strided = 0, bool soa = false)
+    Call(bool array_, Layout l, int M_, int K_, int count_, unsigned strided = 0, bool soa = false,
+         bool packed = false)
         : array(array_), lay(l), M(M_), K(K_), count(count_) {
         const int rows[4] = {M, 1, 1, 1}, cols[4] = {K, K, M, M};
         for (int j = 0; j < 4; ++j) {
@@ -109,6 +110,7 @@ template <class T> struct Call {
             sh.array = arr;
             sh.contiguous = !(strided >> j & 1);
             sh.soa = soa;
+            if (packed) sh.row_gap = sh.obj_gap = 0;
             // The matrix of a layout-L call is passed as in layout S.
             op[j] = std::make_unique<Operand<T>>(l == Layout::L && !arr ? Layout::S : l, sh, 1 + j);
         }
@@ -230,10 +232,13 @@ std::string combo_name(const testing::TestParamInfo<Combo>& i) {
 struct Variant {
     unsigned strided;
     bool soa;
+    bool packed = false;  // S: no gaps between rows and objects
 };
 // None strided, all, and each of the four operands alone; P: plain and SoA.
 std::vector<Variant> variants(Layout l) {
     if (l == Layout::P) return {{0, false}, {0, true}};
+    if (l == Layout::S)
+        return {{0, false}, {0, false, true}, {15, false}, {1, false}, {2, false}, {4, false}, {8, false}};
     return {{0, false}, {15, false}, {1, false}, {2, false}, {4, false}, {8, false}};
 }
 const std::vector<std::pair<int, int>> kShapes = {
@@ -250,7 +255,7 @@ template <class T> void check_bits(bool array, Layout l) {
                 SCOPED_TRACE(testing::Message() << sizeof(T) * 8 << "f M " << M << " K " << K
                                                 << " count " << count << " strided " << var.strided
                                                 << " soa " << var.soa << " tree " << "ABC"[int(t)]);
-                Call<T> c(array, l, M, K, count, var.strided, var.soa);
+                Call<T> c(array, l, M, K, count, var.strided, var.soa, var.packed);
                 unsigned seed = 21;
                 do fill_sensitive(c, seed++);
                 while (!sensitive(c, t) && seed < 300);
@@ -273,7 +278,7 @@ TEST_P(Gaxpy, ExactBitsByKernelTreeSrc3Last) {
 template <class T> void check_paths(bool array, Layout l) {
     for (const Variant& var : variants(l))
         for (auto [M, K] : kShapes) {
-            Call<T> c(array, l, M, K, array ? 3 : 1, var.strided, var.soa);
+            Call<T> c(array, l, M, K, array ? 3 : 1, var.strided, var.soa, var.packed);
             c.a().fill([](int, int, int) { return -T(0); });
             c.x().fill([](int n, int, int k) { return T(n + k + 1); });
             c.y().fill([](int, int, int) { return -T(0); });
@@ -379,7 +384,7 @@ template <class T> void check_limits(Layout l) {
             SCOPED_TRACE(testing::Message() << name(l) << " " << sizeof(T) * 8 << "f W " << W
                                             << " M " << M << " K " << K << " count " << count
                                             << " strided " << var.strided);
-            Call<T> c(true, l, M, K, count, var.strided, var.soa);
+            Call<T> c(true, l, M, K, count, var.strided, var.soa, var.packed);
             fill_sensitive(c, 5);
             c.snapshot();
             OrsStatus st = StatusBadSize;
@@ -418,7 +423,7 @@ template <class T> void check_threads(Layout l) {
     for (const Variant& var : variants(l))
         for (int N : {3, 4, 5, 6, 2}) {
             const int count = 1201;
-            Call<T> c(true, l, N, N, count, var.strided, var.soa);
+            Call<T> c(true, l, N, N, count, var.strided, var.soa, var.packed);
             fill_sensitive(c, 9);
             std::vector<T> one;
             {

@@ -16,6 +16,7 @@
 #include "common/checks.hpp"
 #include "common/layout.hpp"
 #include "common/parallel.hpp"
+#include "products/matvec_fast.hpp"
 
 namespace orsm::mv {
 
@@ -27,10 +28,10 @@ namespace orsm::mv {
 //                                  row 4:    ((p0+p2)+p4)+(p1+p3)
 //   D   (p0+p1)+(p2+p3)            ((p0+p1)+p4)+(p2+p3)                    ((p0+p1)+(p2+p3))+(p4+p5)
 // Order 3 is (p0+p1)+p2 in all four. A is plain scalar code; B and D add
-// adjacent lane pairs, C folds the upper lanes onto the lower ones.
-enum class Tree : unsigned char { A, B, C, D };
-
-template <Tree tr, int N, class T> inline T tree_sum(const T (&p)[N], int row) {
+// adjacent lane pairs, C folds the upper lanes onto the lower ones. (The
+// enum lives in matvec_fast.hpp.) T may be a vector whose lanes are rows or
+// objects: each lane is summed by the same tree.
+template <Tree tr, int N, class T> ORSM_INLINE T tree_sum(const T (&p)[N], int row) {
     static_assert(N >= 3 && N <= 6);
     if constexpr (N == 3 || tr == Tree::A) {
         T s = p[0];
@@ -59,10 +60,9 @@ enum class Gen : unsigned char {
     StoreOnce,      // a local, added to y(i) and stored once
 };
 
-// Which operand an array call holds fixed; it is loaded once per call in the
-// unrolled paths. None: both move (or the kernel calls a single-object kernel
-// per object, which loads everything afresh).
-enum class Fixed : unsigned char { None, Mat, Vec };
+// Fixed (matvec_fast.hpp): which operand an array call holds fixed; it is
+// loaded once per call in the unrolled paths. None: both move (or the kernel
+// calls a single-object kernel per object, which loads everything afresh).
 
 // One kernel's traits.
 struct Cell {
@@ -90,7 +90,7 @@ template <class A> struct Term {
 template <class A> using elem_t = Plain<typename A::value_type>;
 
 // Element (i, k) of op(a): the stored element (k, i) when read transposed.
-template <bool Trans, class A> inline auto& op(const A& a, int n, int i, int k) {
+template <bool Trans, class A> ORSM_INLINE auto& op(const A& a, int n, int i, int k) {
     if constexpr (Trans) return a(n, k, i);
     else return a(n, i, k);
 }
@@ -168,6 +168,72 @@ template <class A> auto contig(const A& a) { return a.template as<true>(); }
 inline auto contig(const NoTerm& t) { return t; }
 template <class A> auto contig(const Term<A>& t) { return t.contig(); }
 
+// ---- fast paths (matvec_fast.hpp), square orders 3 to 6 ------------------
+
+inline bool fast_order(int M, int K) { return M == K && M >= 3 && M <= 6; }
+// The table slot of order N, 3 to 6.
+inline int order_slot(int N) {
+    if (N < 3 || N > 6) __builtin_unreachable();
+    return N - 3;
+}
+
+template <class T, bool C> Ref<T> ref(const SAcc<T, C>& s) { return {s.base, nullptr, s.s0, 0, s.s1}; }
+template <class T, bool C> Ref<T> ref(const LAcc<T, C>& l) { return {nullptr, l.table, 0, l.shift, l.s1}; }
+template <class A> auto ref(const Term<A>& t) { return ref(t.y); }
+
+// A contiguous S or L kernel of order N through the fast kernel with the
+// same traits; false, with nothing done, where the target has none.
+template <Cell c, bool Trans, class A, class X, class D, class Y>
+bool rows_path(const A& a, const X& x, const D& d, const Y& y, int N, int count) {
+    using T = elem_t<D>;
+    constexpr bool term = !std::is_same_v<Y, NoTerm>;
+    constexpr int key = row_key_index<T>({Trans, c.fixed, term, c.tree});
+    static_assert(key >= 0, "every contiguous kernel has its rows kernel");
+    RowArgs<T> g{ref(a), ref(x), {}, ref(d), count};
+    if constexpr (term) g.y = ref(y);
+    // Packed: layout S, array vectors N elements apart, array matrices N by N
+    // with rows N elements apart (a fixed operand may lie anywhere).
+    const ptrdiff_t E = sizeof(T), vec = N * E;
+    const bool packed = !g.a.table && !g.x.table && !g.y.table && !g.d.table &&
+                        (c.fixed == Fixed::Mat || (g.a.s0 == N * vec && g.a.s1 == vec)) &&
+                        (c.fixed == Fixed::Vec || g.x.s0 == vec) && (!term || g.y.s0 == vec) &&
+                        g.d.s0 == vec;
+    const auto fn = (packed ? kernels<T>().packed : kernels<T>().rows)[key][order_slot(N)];
+    if (!fn) return false;
+    fn(g);
+    return true;
+}
+
+// A P kernel of order N through the SoA kernel, when every array operand
+// has an object stride of one element and the planes are disjoint as
+// soa_disjoint asks; false, with nothing done, otherwise.
+template <Cell c, bool Trans, class A, class X, class D, class Y>
+bool soa_path(const A& a, const X& x, const D& d, const Y& y, int N, int count) {
+    using T = elem_t<D>;
+    constexpr bool term = !std::is_same_v<Y, NoTerm>;
+    constexpr bool a_arr = c.fixed != Fixed::Mat, x_arr = c.fixed != Fixed::Vec;
+    constexpr ptrdiff_t E = sizeof(T);
+    if ((a_arr && a.s0 != E) || (x_arr && x.s0 != E) || d.s0 != E) return false;
+    SoaArgs<T> g{};
+    g.count = count;
+    for (int i = 0; i < N; ++i) {
+        for (int k = 0; k < N; ++k) g.a[i * N + k] = &op<Trans>(a, 0, i, k);
+        g.x[i] = &x.v(0, i);
+        g.d[i] = &d.v(0, i);
+    }
+    if constexpr (term) {
+        if (y.y.s0 != E) return false;
+        for (int i = 0; i < N; ++i) g.y[i] = &y.y.v(0, i);
+    }
+    if (!soa_disjoint(g, N, a_arr, x_arr, term)) return false;
+    constexpr int kind = term                     ? soaGaxpy
+                         : c.fixed == Fixed::Mat ? soaVecs
+                         : c.fixed == Fixed::Vec ? soaMats
+                                                 : soaBoth;
+    kernels<T>().soa[kind][order_slot(N)](g);
+    return true;
+}
+
 enum class Lay : unsigned char { S, P, L };
 
 // The frame after its checks. Fam gives, for the element type T:
@@ -189,13 +255,22 @@ OrsStatus frame(OrsStatus st, const A& a, const X& x, const D& d, const Y& y, in
         const auto df = d.object(f);
         const auto yf = y.object(f);
         if constexpr (lay == Lay::P) {
-            return kernel<Fam::template cell<T>(Kern::P), tr>(af, xf, df, yf, M, K, k);
+            constexpr Cell c = Fam::template cell<T>(Kern::P);
+            if constexpr (Fam::array)
+                if (fast_order(M, K) && soa_path<c, tr>(af, xf, df, yf, M, k)) return StatusOk;
+            return kernel<c, tr>(af, xf, df, yf, M, K, k);
         } else {
             constexpr Kern kc = lay == Lay::S ? Kern::S : Kern::L;
             constexpr Kern ks = lay == Lay::S ? Kern::S2 : Kern::LS2;
-            if (contiguous)
-                return kernel<Fam::template cell<T>(kc), tr>(contig(af), contig(xf), contig(df),
-                                                             contig(yf), M, K, k);
+            if (contiguous) {
+                constexpr Cell c = Fam::template cell<T>(kc);
+                const auto ac = contig(af);
+                const auto xc = contig(xf);
+                const auto dc = contig(df);
+                const auto yc = contig(yf);
+                if (fast_order(M, K) && rows_path<c, tr>(ac, xc, dc, yc, M, k)) return StatusOk;
+                return kernel<c, tr>(ac, xc, dc, yc, M, K, k);
+            }
             return kernel<Fam::template cell<T>(ks), tr>(af, xf, df, yf, M, K, k);
         }
     };
