@@ -17,10 +17,14 @@
 // here. Nor do the 64f L kernels fetch the table entry past the last object.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+
 #include "common/checks.hpp"
 #include "common/layout.hpp"
 #include "common/parallel.hpp"
 #include "products/matmul_kernels.hpp"
+#include "products/matmul_table.hpp"
 
 namespace orsm::matmul {
 
@@ -94,6 +98,70 @@ constexpr int work(Group g, int M, int K, int N, int count) {
     }
 }
 
+// Type-erased operands of the table kernels (matmul_table.hpp).
+template <class X, bool C> Opnd opnd(const SAcc<X, C>& a) { return {a.base, a.s0, a.s1, 0}; }
+template <class X, bool C> Opnd opnd(const LAcc<X, C>& a) { return {a.table, 0, a.s1, a.shift}; }
+template <class X> Opnd opnd(const PAcc<X>& a) { return {a.table, a.s0, a.cols, a.shift}; }
+template <class A> Opnd opnd(const TAcc<A>& a) { return opnd(a.a); }
+
+// Layout P operands: do the bytes of any dst element plane meet those of
+// another dst plane or of a source plane? Each entry is the plane of its
+// `count` objects (the byte range from the first object's element to the
+// end of the last); a fixed operand's plane is one element. Asked only of
+// small tables (up to 64 dst entries): sorted on the stack, one binary
+// search per source entry.
+template <class T> bool planes_meet(const PAcc<const T>* src, const int* entries, int nsrc,
+                                    const PAcc<T>& d, int dentries, int count) {
+    using U = std::uintptr_t;
+    U start[64];
+    const U dlen = U(count - 1) * U(d.s0) + sizeof(T);
+    for (int e = 0; e < dentries; ++e) start[e] = U(d.table[e]) + U(d.shift);
+    std::sort(start, start + dentries);
+    for (int e = 1; e < dentries; ++e)
+        if (start[e] - start[e - 1] < dlen) return true;
+    for (int s = 0; s < nsrc; ++s) {
+        const U len = U(count - 1) * U(src[s].s0) + sizeof(T);
+        for (int e = 0; e < entries[s]; ++e) {
+            const U lo = U(src[s].table[e]) + U(src[s].shift);
+            // The first dst plane ending after lo meets it if it starts
+            // before lo + len.
+            const U* x = std::partition_point(start, start + dentries,
+                                              [&](U s0) { return s0 + dlen <= lo; });
+            if (x != start + dentries && *x < lo + len) return true;
+        }
+    }
+    return false;
+}
+
+// The table kernel of a call, if any.
+struct Fast {
+    Kernel order = nullptr;
+    SoaKernel soa = nullptr;
+};
+template <Group G, Form F, Type ty, Kind kd, Paths p, class A, class B, class D>
+Fast fast_kernel(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
+    using T = Plain<typename D::value_type>;
+    Fast out;
+    if constexpr (kd == Kind::C || kd == Kind::L) {
+        // Orders served one object at a time by the kernel's own unrolled
+        // paths or by the contiguous single kernel it calls per object.
+        constexpr unsigned orders =
+            p.orders | (p.via == Via::single_contig ? p.single : 0u);
+        if (M == K && K == N && M >= 3 && M <= 6 && ((orders >> M) & 1u))
+            out.order = isa::select(matmul_tables).order[int(G)][F][ty][kd == Kind::L][M - 3];
+    } else if constexpr (kd == Kind::P && G != Group::one) {
+        constexpr bool a1 = G != Group::mma, a2 = G != Group::mam;
+        if ((a1 && a.s0 != esize<T>) || (a2 && b.s0 != esize<T>) || d.s0 != esize<T>) return out;
+        if (M > 8 || K > 8 || N > 8) return out;
+        const PAcc<const T> src[2] = {a, b};
+        const int entries[2] = {M * K, K * N};
+        if (planes_meet<T>(src, entries, 2, d, M * N, count)) return out;
+        const bool unrolled = M == K && K == N && M >= 3 && M <= 6 && ((p.orders >> M) & 1u);
+        out.soa = isa::select(matmul_tables).soa[int(G) - 1][F][ty][unrolled ? M - 3 : 4];
+    }
+    return out;
+}
+
 template <Kind k> using KindTag = std::integral_constant<Kind, k>;
 
 // The frame of every Mul of two matrices. Checks: pointers, count (arrays),
@@ -117,14 +185,25 @@ OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const 
         static constexpr Paths p = paths(G, F, ty, kd);
         const auto A = op<t1>(a);
         const auto B = op<t2>(b);
+        // The unrolled orders of the contiguous kernels, and layout P over
+        // structure-of-arrays planes, run the kernels of the running
+        // target's table; the rest runs the baseline kernels.
+        const Fast fast = fast_kernel<G, F, ty, kd, p>(a, b, d, M, K, N, count);
+        auto serial = [&](auto A_, auto B_, auto d_, int k) {
+            if (fast.order)
+                fast.order(opnd(A_), opnd(B_), opnd(d_), k);
+            else if (fast.soa)
+                fast.soa(opnd(A_), opnd(B_), opnd(d_), M, K, N, k);
+            else
+                kern::run<p, fx>(A_, B_, d_, M, K, N, k);
+        };
         if constexpr (G == Group::one) {
-            kern::run<p, Fixed::none>(A, B, d, M, K, N, 1);
+            serial(A, B, d, 1);
             return StatusOk;
         } else {
             return dispatch(work(G, M, K, N, count), serial_below(limit(ty, kd)), count,
                             [&](int f, int k) {
-                                kern::run<p, fx>(A.object(f), B.object(f), d.object(f), M, K,
-                                                 N, k);
+                                serial(A.object(f), B.object(f), d.object(f), k);
                                 return StatusOk;
                             });
         }
