@@ -81,7 +81,7 @@ constexpr Fixed fixed_of(Group g) {
 // for the whole matrix. `a` and `b` read the stored operands; op(src2) must
 // not be transposed. Packed: rows of src1 and dst lie 4 elements apart.
 template <int n, bool t1, bool packed, Fixed F, class A, class B, class D>
-void rows4_f32(const A a, const B b, const D d, int count) {
+ORSM_INLINE void rows4_f32(const A a, const B b, const D d, int count) {
     constexpr __mmask8 rm = (1u << n) - 1;
     auto row = [&](const auto& x, int o, int r) -> __m128 {
         if constexpr (n == 4)
@@ -135,7 +135,7 @@ void rows4_f32(const A a, const B b, const D d, int count) {
 // 256-bit half; op(src1)(i, k) spread by an in-half permute, row k of
 // op(src2) in both halves.
 template <int n, bool t1, bool packed, Fixed F, class A, class B, class D>
-void rows2_f64(const A a, const B b, const D d, int count) {
+ORSM_INLINE void rows2_f64(const A a, const B b, const D d, int count) {
     constexpr __mmask8 rm = (1u << n) - 1;
     constexpr int G = (n + 1) / 2;
     auto row = [&](const auto& x, int o, int r) -> __m256d {

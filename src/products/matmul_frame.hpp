@@ -42,6 +42,7 @@ template <class X> struct SM {
     OrsStatus strides() const { return strides_ok<X>(s0, s1, s2); }
     OrsStatus shifts() const { return StatusOk; }
     SAcc<X> acc(int) const { return s_mat(p, s0, s1, s2); }
+    Opnd at(int f, int) const { return {byte_off(p, ptrdiff_t(f) * s0), s0, s1, 0}; }
 };
 template <class X> struct S1 {
     X* p;
@@ -49,6 +50,7 @@ template <class X> struct S1 {
     OrsStatus strides() const { return strides_ok<X>(s1, s2); }
     OrsStatus shifts() const { return StatusOk; }
     SAcc<X> acc(int) const { return s_one(p, s1, s2); }
+    Opnd at(int, int) const { return {p, 0, s1, 0}; }
 };
 template <class X> struct PM {
     X* const* p;
@@ -56,6 +58,7 @@ template <class X> struct PM {
     OrsStatus strides() const { return strides_ok<X>(s0); }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     PAcc<X> acc(int cols) const { return p_arr(p, shift, s0, cols); }
+    Opnd at(int f, int cols) const { return {p, s0, cols, shift + ptrdiff_t(f) * s0}; }
 };
 template <class X> struct P1 {
     X* const* p;
@@ -63,6 +66,7 @@ template <class X> struct P1 {
     OrsStatus strides() const { return StatusOk; }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     PAcc<X> acc(int cols) const { return p_one(p, shift, cols); }
+    Opnd at(int, int cols) const { return {p, 0, cols, shift}; }
 };
 template <class X> struct LM {
     X* const* p;
@@ -70,6 +74,7 @@ template <class X> struct LM {
     OrsStatus strides() const { return strides_ok<X>(s1, s2); }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     LAcc<X> acc(int) const { return l_mat(p, shift, s1, s2); }
+    Opnd at(int f, int) const { return {p + f, 0, s1, shift}; }
 };
 
 template <bool transposed, class A> auto op(const A& a) {
@@ -97,12 +102,6 @@ constexpr int work(Group g, int M, int K, int N, int count) {
         default: return wmul(wadd(wmul(M, K), wmul(K, N), wmul(M, N)), count);
     }
 }
-
-// Type-erased operands of the table kernels (matmul_table.hpp).
-template <class X, bool C> Opnd opnd(const SAcc<X, C>& a) { return {a.base, a.s0, a.s1, 0}; }
-template <class X, bool C> Opnd opnd(const LAcc<X, C>& a) { return {a.table, 0, a.s1, a.shift}; }
-template <class X> Opnd opnd(const PAcc<X>& a) { return {a.table, a.s0, a.cols, a.shift}; }
-template <class A> Opnd opnd(const TAcc<A>& a) { return opnd(a.a); }
 
 // Layout P operands: do the bytes of any dst element plane meet those of
 // another dst plane or of a source plane? Each entry is the plane of its
@@ -133,33 +132,16 @@ template <class T> bool planes_meet(const PAcc<const T>* src, const int* entries
     return false;
 }
 
-// The table kernel of a call, if any.
-struct Fast {
-    Kernel order = nullptr;
-    SoaKernel soa = nullptr;
-};
-template <Group G, Form F, Type ty, Kind kd, Paths p, class A, class B, class D>
-Fast fast_kernel(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
-    using T = Plain<typename D::value_type>;
-    Fast out;
-    if constexpr (kd == Kind::C || kd == Kind::L) {
-        // Orders served one object at a time by the kernel's own unrolled
-        // paths or by the contiguous single kernel it calls per object.
-        constexpr unsigned orders =
-            p.orders | (p.via == Via::single_contig ? p.single : 0u);
-        if (M == K && K == N && M >= 3 && M <= 6 && ((orders >> M) & 1u))
-            out.order = isa::select(matmul_tables).order[int(G)][F][ty][kd == Kind::L][M - 3];
-    } else if constexpr (kd == Kind::P && G != Group::one) {
-        constexpr bool a1 = G != Group::mma, a2 = G != Group::mam;
-        if ((a1 && a.s0 != esize<T>) || (a2 && b.s0 != esize<T>) || d.s0 != esize<T>) return out;
-        if (M > 8 || K > 8 || N > 8) return out;
-        const PAcc<const T> src[2] = {a, b};
-        const int entries[2] = {M * K, K * N};
-        if (planes_meet<T>(src, entries, 2, d, M * N, count)) return out;
-        const bool unrolled = M == K && K == N && M >= 3 && M <= 6 && ((p.orders >> M) & 1u);
-        out.soa = isa::select(matmul_tables).soa[int(G) - 1][F][ty][unrolled ? M - 3 : 4];
-    }
-    return out;
+// Layout P over structure-of-arrays planes: every array operand's object
+// stride is the element size, the shape is small enough for the overlap
+// test, and no dst plane meets another dst plane or a source plane.
+template <class T, bool a1, bool a2, class A, class B, class D>
+bool soa_planes(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
+    if ((a1 && a.s0 != esize<T>) || (a2 && b.s0 != esize<T>) || d.s0 != esize<T>) return false;
+    if (M > 8 || K > 8 || N > 8) return false;
+    const PAcc<const T> src[2] = {a, b};
+    const int entries[2] = {M * K, K * N};
+    return !planes_meet<T>(src, entries, 2, d, M * N, count);
 }
 
 template <Kind k> using KindTag = std::integral_constant<Kind, k>;
@@ -181,39 +163,66 @@ OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const 
 
     constexpr Type ty = sizeof(T) == 4 ? f32 : f64;
     constexpr Fixed fx = G == Group::mam ? Fixed::src2 : G == Group::mma ? Fixed::src1 : Fixed::none;
-    auto go = [&]<Kind kd>(KindTag<kd>, auto a, auto b, auto d) {
-        static constexpr Paths p = paths(G, F, ty, kd);
-        const auto A = op<t1>(a);
-        const auto B = op<t2>(b);
-        // The unrolled orders of the contiguous kernels, and layout P over
-        // structure-of-arrays planes, run the kernels of the running
-        // target's table; the rest runs the baseline kernels.
-        const Fast fast = fast_kernel<G, F, ty, kd, p>(a, b, d, M, K, N, count);
-        auto serial = [&](auto A_, auto B_, auto d_, int k) {
-            if (fast.order)
-                fast.order(opnd(A_), opnd(B_), opnd(d_), k);
-            else if (fast.soa)
-                fast.soa(opnd(A_), opnd(B_), opnd(d_), M, K, N, k);
-            else
-                kern::run<p, fx>(A_, B_, d_, M, K, N, k);
-        };
+    constexpr Kind contig = Y == Lay::S ? Kind::C : Y == Lay::L ? Kind::L : Kind::P;
+    constexpr Kind strided = Y == Lay::S ? Kind::S2 : Y == Lay::L ? Kind::LS2 : Kind::P;
+
+    // Serial kernel on the whole call or the parallel form, by the limit of
+    // the kernel kind; share(f, k) runs objects f to f + k - 1.
+    auto over = [&](Kind kd, auto share) {
         if constexpr (G == Group::one) {
-            serial(A, B, d, 1);
+            share(0, 1);
             return StatusOk;
         } else {
             return dispatch(work(G, M, K, N, count), serial_below(limit(ty, kd)), count,
                             [&](int f, int k) {
-                                serial(A.object(f), B.object(f), d.object(f), k);
+                                share(f, k);
                                 return StatusOk;
                             });
         }
     };
+
+    // The running target's table serves the unrolled orders of the
+    // contiguous S and L kernels (the kernel's own paths, or those of the
+    // contiguous single kernel it calls per object) and layout P over
+    // structure-of-arrays planes that do not meet.
+    bool contiguous = false;
+    if constexpr (Y != Lay::P) contiguous = all_contiguous<T>(g1.s2, g2.s2, gd.s2);
+    if (contiguous && M == K && K == N && M >= 3 && M <= 6) {
+        constexpr Paths pc = paths(G, F, ty, contig);
+        constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
+        if ((orders >> M) & 1u) {
+            const Kernel k = isa::select(matmul_tables).order[int(G)][F][ty][Y == Lay::L][M - 3];
+            return over(contig, [&](int f, int n) {
+                k(g1.at(f, w1), g2.at(f, w2), gd.at(f, N), n);
+            });
+        }
+    }
+    if constexpr (Y == Lay::P && G != Group::one) {
+        if (soa_planes<T, G != Group::mma, G != Group::mam>(g1.acc(w1), g2.acc(w2), gd.acc(N), M,
+                                                             K, N, count)) {
+            constexpr Paths pp = paths(G, F, ty, Kind::P);
+            const bool unrolled = M == K && K == N && M >= 3 && M <= 6 && ((pp.orders >> M) & 1u);
+            const SoaKernel k =
+                isa::select(matmul_tables).soa[int(G) - 1][F][ty][unrolled ? M - 3 : 4];
+            return over(Kind::P, [&](int f, int n) {
+                k(g1.at(f, w1), g2.at(f, w2), gd.at(f, N), M, K, N, n);
+            });
+        }
+    }
+
+    // The baseline kernels.
+    auto go = [&]<Kind kd>(KindTag<kd>, auto a, auto b, auto d) {
+        static constexpr Paths p = paths(G, F, ty, kd);
+        const auto A = op<t1>(a);
+        const auto B = op<t2>(b);
+        return over(kd, [&](int f, int n) {
+            kern::run<p, fx>(A.object(f), B.object(f), d.object(f), M, K, N, n);
+        });
+    };
     if constexpr (Y == Lay::P) {
         return go(KindTag<Kind::P>{}, g1.acc(w1), g2.acc(w2), gd.acc(N));
     } else {
-        constexpr Kind contig = Y == Lay::S ? Kind::C : Kind::L;
-        constexpr Kind strided = Y == Lay::S ? Kind::S2 : Kind::LS2;
-        if (all_contiguous<T>(g1.s2, g2.s2, gd.s2))
+        if (contiguous)
             return go(KindTag<contig>{}, g1.acc(w1).template as<true>(),
                       g2.acc(w2).template as<true>(), gd.acc(N).template as<true>());
         return go(KindTag<strided>{}, g1.acc(w1), g2.acc(w2), gd.acc(N));

@@ -210,9 +210,11 @@ ORSM_INLINE void store_row(const vec_t<T, N>* v, const D& d, int n, int r,
 // row of op(src2), the products added for k ascending. A fixed operand stays
 // in registers across objects.
 // The accessors are taken by value: the stores to dst cannot then be
-// thought to change them, and their fields stay in registers.
+// thought to change them, and their fields stay in registers. Always
+// inlined into its kernel: an accessor passed on the stack to a call is
+// copied there by halves and read back whole, which stalls every call.
 template <int M, int K, int N, Fixed F, class A, class B, class D>
-void order_path(const A a, const B b, const D d, int count) {
+ORSM_INLINE void order_path(const A a, const B b, const D d, int count) {
     using T = Plain<typename D::value_type>;
     using V = vec_t<T, N>;
     constexpr int NV = nvec<T, N>;
