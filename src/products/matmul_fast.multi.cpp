@@ -75,7 +75,7 @@ constexpr Fixed fixed_of(Group g) {
 }
 
 #if ORSM_MM_WIDE
-// Orders 3 and 4, 32f: dst in one zmm, row i in lanes 4i to 4i+3. Per k,
+// Orders 3 and 4 (4 is used), 32f: dst in one zmm, row i in lanes 4i to 4i+3. Per k,
 // op(src1)(i, k) is spread over lane group i by an in-lane permute and row k
 // of op(src2) is repeated in the four groups: one multiply and one add per k
 // for the whole matrix. `a` and `b` read the stored operands; op(src2) must
@@ -131,80 +131,49 @@ ORSM_INLINE void rows4_f32(const A a, const B b, const D d, int count) {
     }
 }
 
-// Orders 3 and 4, 64f: rows 2g and 2g + 1 of dst in zmm g, one row per
-// 256-bit half; op(src1)(i, k) spread by an in-half permute, row k of
-// op(src2) in both halves.
-template <int n, bool t1, bool packed, Fixed F, class A, class B, class D>
-ORSM_INLINE void rows2_f64(const A a, const B b, const D d, int count) {
-    constexpr __mmask8 rm = (1u << n) - 1;
-    constexpr int G = (n + 1) / 2;
-    auto row = [&](const auto& x, int o, int r) -> __m256d {
-        if constexpr (n == 4)
-            return _mm256_loadu_pd(&x(o, r, 0));
-        else
-            return _mm256_maskz_loadu_pd(rm, &x(o, r, 0));
-    };
-    __m512d bk[n], ak[G][n];
-    auto fetch_b = [&](int o) {
-        static_for<n>([&](auto k) { bk[k] = _mm512_broadcast_f64x4(row(b, o, k)); });
-    };
+// Order 3 with packed objects (rows 3 elements apart in src1, src2 and
+// dst): an object is 9 consecutive elements, and so is dst, with lane
+// l = 3i + j. Per k, op(src1)(i, k) and op(src2)(k, j) are put in lane l by
+// one permute of the object each; a transposed operand only changes the
+// permute. 32f only: the 9 lanes of one zmm (for 64f the two-source
+// permutes cost more than rows in ymm registers).
+template <bool t, bool first> constexpr int pick3(int l, int k) {
+    // Stored index of op(src1)(i, k) (first) or op(src2)(k, j) for lane l.
+    const int i = l / 3, j = l % 3;
+    if constexpr (first) return t ? k * 3 + i : i * 3 + k;
+    return t ? j * 3 + k : k * 3 + j;
+}
+template <bool t, bool first, int k> ORSM_INLINE __m512i index3_32() {
+    alignas(64) static constexpr int idx[16] = {
+        pick3<t, first>(0, k), pick3<t, first>(1, k), pick3<t, first>(2, k), pick3<t, first>(3, k),
+        pick3<t, first>(4, k), pick3<t, first>(5, k), pick3<t, first>(6, k), pick3<t, first>(7, k),
+        pick3<t, first>(8, k), 0, 0, 0, 0, 0, 0, 0};
+    return _mm512_load_si512(idx);
+}
+template <bool t1, bool t2, Fixed F, class A, class B, class D>
+ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
+    constexpr __mmask16 m9 = 0x1FF;
+    __m512 ak[3], bk[3];
     auto fetch_a = [&](int o) {
-        if constexpr (!t1) {
-            static_for<G>([&](auto g) {
-                __m512d rows;
-                if constexpr (packed) {
-                    rows = _mm512_loadu_pd(&a(o, 2 * g, 0));
-                } else if constexpr (2 * g + 1 < n) {
-                    rows = _mm512_insertf64x4(_mm512_castpd256_pd512(row(a, o, 2 * g)),
-                                              row(a, o, 2 * g + 1), 1);
-                } else {
-                    rows = _mm512_zextpd256_pd512(row(a, o, 2 * g));
-                }
-                static_for<n>([&](auto k) { ak[g][k] = _mm512_permutex_pd(rows, k * 0x55); });
-            });
-        } else {
-            static_for<n>([&](auto k) {
-                const __m512d r = _mm512_castpd256_pd512(row(a, o, k));
-                static_for<G>([&](auto g) {
-                    const __m512i idx = _mm512_set_epi64(2 * g + 1, 2 * g + 1, 2 * g + 1, 2 * g + 1,
-                                                         2 * g, 2 * g, 2 * g, 2 * g);
-                    ak[g][k] = _mm512_permutexvar_pd(idx, r);
-                });
-            });
-        }
+        const __m512 x = _mm512_maskz_loadu_ps(m9, &a(o, 0, 0));
+        static_for<3>([&](auto k) { ak[k] = _mm512_permutexvar_ps(index3_32<t1, true, k>(), x); });
+    };
+    auto fetch_b = [&](int o) {
+        const __m512 x = _mm512_maskz_loadu_ps(m9, &b(o, 0, 0));
+        static_for<3>([&](auto k) { bk[k] = _mm512_permutexvar_ps(index3_32<t2, false, k>(), x); });
     };
     if constexpr (F == Fixed::src1) fetch_a(0);
     if constexpr (F == Fixed::src2) fetch_b(0);
     for (int o = 0; o < count; ++o) {
-        if constexpr (F != Fixed::src2) fetch_b(o);
         if constexpr (F != Fixed::src1) fetch_a(o);
-        __m512d acc[G];
-        static_for<G>([&](auto g) {
-            acc[g] = _mm512_mul_pd(ak[g][0], bk[0]);
-            static_for<n - 1>([&](auto k) {
-                acc[g] = _mm512_add_pd(acc[g], _mm512_mul_pd(ak[g][k + 1], bk[k + 1]));
-            });
-        });
-        static_for<G>([&](auto g) {
-            if constexpr (packed) {
-                _mm512_storeu_pd(&d(o, 2 * g, 0), acc[g]);
-            } else {
-                const __m256d lo = _mm512_castpd512_pd256(acc[g]);
-                if constexpr (n == 4)
-                    _mm256_storeu_pd(&d(o, 2 * g, 0), lo);
-                else
-                    _mm256_mask_storeu_pd(&d(o, 2 * g, 0), rm, lo);
-                if constexpr (2 * g + 1 < n) {
-                    const __m256d hi = _mm512_extractf64x4_pd(acc[g], 1);
-                    if constexpr (n == 4)
-                        _mm256_storeu_pd(&d(o, 2 * g + 1, 0), hi);
-                    else
-                        _mm256_mask_storeu_pd(&d(o, 2 * g + 1, 0), rm, hi);
-                }
-            }
-        });
+        if constexpr (F != Fixed::src2) fetch_b(o);
+        __m512 acc = _mm512_mul_ps(ak[0], bk[0]);
+        acc = _mm512_add_ps(acc, _mm512_mul_ps(ak[1], bk[1]));
+        acc = _mm512_add_ps(acc, _mm512_mul_ps(ak[2], bk[2]));
+        _mm512_mask_storeu_ps(&d(o, 0, 0), m9, acc);
     }
 }
+
 #endif
 
 // One unrolled order of a contiguous S or L kernel.
@@ -216,17 +185,14 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
     const auto B = acc_of<const T, KD, array2(G)>(b);
     const auto D = acc_of<T, KD, G != Group::one>(d);
 #if ORSM_MM_WIDE
-    if constexpr (!t2 && n <= 4) {
-        // Packed rows: one load or store for the whole of src1 or dst (an
-        // order 3 is never packed this way: its rows are 3 wide).
-        const bool packed = n == 4 && a.s1 == 4 * esize<T> && d.s1 == 4 * esize<T> && !t1;
-        if constexpr (sizeof(T) == 4) {
-            if (packed) return rows4_f32<n, t1, true, fx>(A, B, D, count);
-            return rows4_f32<n, t1, false, fx>(A, B, D, count);
-        } else {
-            if (packed) return rows2_f64<n, t1, true, fx>(A, B, D, count);
-            return rows2_f64<n, t1, false, fx>(A, B, D, count);
-        }
+    if constexpr (n == 3 && sizeof(T) == 4) {
+        // Packed objects: the whole object in one register.
+        if (a.s1 == 12 && b.s1 == 12 && d.s1 == 12) return packed3_f32<t1, t2, fx>(A, B, D, count);
+    }
+    if constexpr (!t2 && n == 4 && sizeof(T) == 4) {
+        // Rows of src1 and dst 4 elements apart: one load or store each.
+        if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<n, t1, true, fx>(A, B, D, count);
+        return rows4_f32<n, t1, false, fx>(A, B, D, count);
     }
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
@@ -238,42 +204,54 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
 // 3 to 6 (n) start from the first product, the general loop (n 0) from +0:
 // the sum is held in a register and stored once, which gives the bits of
 // the baseline general loop, whose accumulator is dst itself, since dst
-// shares no byte with a source (the frame has tested it).
+// shares no byte with a source (the frame has tested it). The planes of
+// op(src1), op(src2) and dst are looked up once per call, in logical order.
 template <class V, class T, std::size_t... I>
 ORSM_INLINE V splat(T x, std::index_sequence<I...>) {
     return V{((void)I, x)...};
 }
-template <int L, bool array, class T, class X>
-ORSM_INLINE vec_of<T, L> lanes_at(const X& x, int o, int r, int c) {
-    if constexpr (array) {
-        vec_of<T, L> v;
-        std::memcpy(&v, &x(o, r, c), sizeof v);
-        return v;
-    } else {
-        return splat<vec_of<T, L>>(T(x(0, r, c)), std::make_index_sequence<L>{});
-    }
+template <int L, class T> ORSM_INLINE vec_of<T, L> lanes_at(const T* plane, int o) {
+    vec_of<T, L> v;
+    std::memcpy(&v, plane + o, sizeof v);
+    return v;
 }
+// Element e of a logical operand for objects o..o+L-1: its plane, or the
+// fixed value.
+template <int L, bool array, class T> struct Planes {
+    const T* const* p;
+    const T* v;
+    ORSM_INLINE vec_of<T, L> operator()(int e, int o) const {
+        if constexpr (array)
+            return lanes_at<L, T>(p[e], o);
+        else
+            return splat<vec_of<T, L>>(v[e], std::make_index_sequence<L>{});
+    }
+};
 
-template <int L, int n, bool a1, bool a2, class T, class A, class B, class D>
-ORSM_INLINE void soa_block(const A& a, const B& b, const D& d, int o, int M, int K, int N) {
+template <int L, int n, bool a1, bool a2, class T>
+ORSM_INLINE void soa_block(const T* const* pa, const T* va, const T* const* pb, const T* vb,
+                           T* const* pd, int o, int M, int K, int N) {
     using V = vec_of<T, L>;
+    const Planes<L, a1, T> A{pa, va};
+    const Planes<L, a2, T> B{pb, vb};
     if constexpr (n > 0) {
-        for (int i = 0; i < n; ++i) {
+        V bv[n][n];
+        ORSM_UNROLL for (int k = 0; k < n; ++k) ORSM_UNROLL for (int j = 0; j < n; ++j) bv[k][j] = B(k * n + j, o);
+        ORSM_UNROLL for (int i = 0; i < n; ++i) {
             V av[n];
-            ORSM_UNROLL for (int k = 0; k < n; ++k) av[k] = lanes_at<L, a1, T>(a, o, i, k);
-            for (int j = 0; j < n; ++j) {
-                V s = av[0] * lanes_at<L, a2, T>(b, o, 0, j);
-                ORSM_UNROLL for (int k = 1; k < n; ++k) s = s + av[k] * lanes_at<L, a2, T>(b, o, k, j);
-                std::memcpy(&d(o, i, j), &s, sizeof s);
+            ORSM_UNROLL for (int k = 0; k < n; ++k) av[k] = A(i * n + k, o);
+            ORSM_UNROLL for (int j = 0; j < n; ++j) {
+                V s = av[0] * bv[0][j];
+                ORSM_UNROLL for (int k = 1; k < n; ++k) s = s + av[k] * bv[k][j];
+                std::memcpy(pd[i * n + j] + o, &s, sizeof s);
             }
         }
     } else {
         for (int i = 0; i < M; ++i)
             for (int j = 0; j < N; ++j) {
-                V s = V{} + lanes_at<L, a1, T>(a, o, i, 0) * lanes_at<L, a2, T>(b, o, 0, j);
-                for (int k = 1; k < K; ++k)
-                    s = s + lanes_at<L, a1, T>(a, o, i, k) * lanes_at<L, a2, T>(b, o, k, j);
-                std::memcpy(&d(o, i, j), &s, sizeof s);
+                V s = V{} + A(i * K, o) * B(j, o);
+                for (int k = 1; k < K; ++k) s = s + A(i * K + k, o) * B(k * N + j, o);
+                std::memcpy(pd[i * N + j] + o, &s, sizeof s);
             }
     }
 }
@@ -283,12 +261,35 @@ void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N
     constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
     constexpr bool a1 = array1(G), a2 = array2(G);
     constexpr int W = ORSM_VECTOR_BYTES / int(sizeof(T));
+    if constexpr (n > 0) M = K = N = n;
+    // Planes (arrays) or values (fixed operands) in logical row-major
+    // order; shapes are at most 8 by 8.
+    const T* pa[64];
+    const T* pb[64];
+    T* pd[64];
+    T va[64], vb[64];
     const auto A = op_of<t1>(table_of<const T>(a));
     const auto B = op_of<t2>(table_of<const T>(b));
     const auto D = table_of<T>(d);
+    for (int i = 0; i < M; ++i)
+        for (int k = 0; k < K; ++k) {
+            if constexpr (a1)
+                pa[i * K + k] = &A(0, i, k);
+            else
+                va[i * K + k] = A(0, i, k);
+        }
+    for (int k = 0; k < K; ++k)
+        for (int j = 0; j < N; ++j) {
+            if constexpr (a2)
+                pb[k * N + j] = &B(0, k, j);
+            else
+                vb[k * N + j] = B(0, k, j);
+        }
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < N; ++j) pd[i * N + j] = &D(0, i, j);
     int o = 0;
-    for (; o + W <= count; o += W) soa_block<W, n, a1, a2, T>(A, B, D, o, M, K, N);
-    for (; o < count; ++o) soa_block<1, n, a1, a2, T>(A, B, D, o, M, K, N);
+    for (; o + W <= count; o += W) soa_block<W, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
+    for (; o < count; ++o) soa_block<1, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
 }
 
 template <Group G, Form F, class T> constexpr void fill_group(Table& t) {
