@@ -296,8 +296,10 @@ template <Group G, Form F, class T> constexpr void fill_group(Table& t) {
     constexpr int g = int(G), ty = sizeof(T) == 4 ? 0 : 1;
     static_for<4>([&](auto o) {
         t.order[g][F][ty][0][o] = &order_kernel<G, F, T, Kind::C, o + 3>;
-        t.order[g][F][ty][1][o] = &order_kernel<G, F, T, Kind::L, o + 3>;
-        if constexpr (G != Group::one) t.soa[g - 1][F][ty][o] = &soa_kernel<G, F, T, o + 3>;
+        if constexpr (G != Group::one) {
+            t.order[g][F][ty][1][o] = &order_kernel<G, F, T, Kind::L, o + 3>;
+            t.soa[g - 1][F][ty][o] = &soa_kernel<G, F, T, o + 3>;
+        }
     });
     if constexpr (G != Group::one) t.soa[g - 1][F][ty][4] = &soa_kernel<G, F, T, 0>;
 }

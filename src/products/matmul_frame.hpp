@@ -5,7 +5,10 @@
 //
 // The frame checks, estimates the work, picks the kernel kind from the
 // layout and the element strides, and hands over to the kernel bodies of
-// matmul_kernels.hpp with the path table of matmul_paths.hpp. The entry
+// matmul_kernels.hpp with the path table of matmul_paths.hpp, or, for the
+// unrolled orders of the contiguous kernels and for structure-of-arrays
+// planes of layout P, to the running target's kernels of
+// matmul_fast.multi.cpp (matmul_table.hpp). The entry
 // points are expanded by form group in matmul_one.cpp, matmul_mam.cpp,
 // matmul_mma.cpp and matmul_mama.cpp.
 //
