@@ -75,23 +75,35 @@ constexpr Fixed fixed_of(Group g) {
 }
 
 #if ORSM_MM_WIDE
-// Orders 3 and 4 (4 is used), 32f: dst in one zmm, row i in lanes 4i to 4i+3. Per k,
+// The loop over objects of the wide kernels: a fixed operand fetched once,
+// the array operands per object, all of an object read before its dst is
+// written; and the ascending-k sum of n lane-wise products.
+template <Fixed F, class FA, class FB, class Body>
+ORSM_INLINE void each_object(int count, FA fetch_a, FB fetch_b, Body body) {
+    if constexpr (F == Fixed::src1) fetch_a(0);
+    if constexpr (F == Fixed::src2) fetch_b(0);
+    for (int o = 0; o < count; ++o) {
+        if constexpr (F != Fixed::src1) fetch_a(o);
+        if constexpr (F != Fixed::src2) fetch_b(o);
+        body(o);
+    }
+}
+template <int n> ORSM_INLINE __m512 sum_k(const __m512* a, const __m512* b) {
+    __m512 acc = _mm512_mul_ps(a[0], b[0]);
+    static_for<n - 1>([&](auto k) { acc = _mm512_add_ps(acc, _mm512_mul_ps(a[k + 1], b[k + 1])); });
+    return acc;
+}
+
+// Order 4, 32f: dst in one zmm, row i in lanes 4i to 4i+3. Per k,
 // op(src1)(i, k) is spread over lane group i by an in-lane permute and row k
 // of op(src2) is repeated in the four groups: one multiply and one add per k
 // for the whole matrix. `a` and `b` read the stored operands; op(src2) must
 // not be transposed. Packed: rows of src1 and dst lie 4 elements apart.
-template <int n, bool t1, bool packed, Fixed F, class A, class B, class D>
+template <bool t1, bool packed, Fixed F, class A, class B, class D>
 ORSM_INLINE void rows4_f32(const A a, const B b, const D d, int count) {
-    constexpr __mmask8 rm = (1u << n) - 1;
-    auto row = [&](const auto& x, int o, int r) -> __m128 {
-        if constexpr (n == 4)
-            return _mm_loadu_ps(&x(o, r, 0));
-        else
-            return _mm_maskz_loadu_ps(rm, &x(o, r, 0));
-    };
-    __m512 bk[n], ak[n];
+    __m512 bk[4], ak[4];
     auto fetch_b = [&](int o) {
-        static_for<n>([&](auto k) { bk[k] = _mm512_broadcast_f32x4(row(b, o, k)); });
+        static_for<4>([&](auto k) { bk[k] = _mm512_broadcast_f32x4(_mm_loadu_ps(&b(o, k, 0))); });
     };
     auto fetch_a = [&](int o) {
         if constexpr (!t1) {
@@ -99,36 +111,27 @@ ORSM_INLINE void rows4_f32(const A a, const B b, const D d, int count) {
             if constexpr (packed) {
                 rows = _mm512_loadu_ps(&a(o, 0, 0));
             } else {
-                rows = _mm512_castps128_ps512(row(a, o, 0));
-                static_for<n - 1>([&](auto r) { rows = _mm512_insertf32x4(rows, row(a, o, r + 1), r + 1); });
+                rows = _mm512_castps128_ps512(_mm_loadu_ps(&a(o, 0, 0)));
+                static_for<3>([&](auto r) {
+                    rows = _mm512_insertf32x4(rows, _mm_loadu_ps(&a(o, r + 1, 0)), r + 1);
+                });
             }
-            static_for<n>([&](auto k) { ak[k] = _mm512_permute_ps(rows, k * 0x55); });
+            static_for<4>([&](auto k) { ak[k] = _mm512_permute_ps(rows, k * 0x55); });
         } else {
             const __m512i idx = _mm512_set_epi32(3, 3, 3, 3, 2, 2, 2, 2, 1, 1, 1, 1, 0, 0, 0, 0);
-            static_for<n>([&](auto k) {
-                ak[k] = _mm512_permutexvar_ps(idx, _mm512_castps128_ps512(row(a, o, k)));
+            static_for<4>([&](auto k) {
+                ak[k] = _mm512_permutexvar_ps(idx, _mm512_castps128_ps512(_mm_loadu_ps(&a(o, k, 0))));
             });
         }
     };
-    if constexpr (F == Fixed::src1) fetch_a(0);
-    if constexpr (F == Fixed::src2) fetch_b(0);
-    for (int o = 0; o < count; ++o) {
-        if constexpr (F != Fixed::src2) fetch_b(o);
-        if constexpr (F != Fixed::src1) fetch_a(o);
-        __m512 acc = _mm512_mul_ps(ak[0], bk[0]);
-        static_for<n - 1>([&](auto k) { acc = _mm512_add_ps(acc, _mm512_mul_ps(ak[k + 1], bk[k + 1])); });
+    each_object<F>(count, fetch_a, fetch_b, [&](int o) {
+        const __m512 acc = sum_k<4>(ak, bk);
         if constexpr (packed) {
             _mm512_storeu_ps(&d(o, 0, 0), acc);
         } else {
-            static_for<n>([&](auto r) {
-                const __m128 x = _mm512_extractf32x4_ps(acc, r);
-                if constexpr (n == 4)
-                    _mm_storeu_ps(&d(o, r, 0), x);
-                else
-                    _mm_mask_storeu_ps(&d(o, r, 0), rm, x);
-            });
+            static_for<4>([&](auto r) { _mm_storeu_ps(&d(o, r, 0), _mm512_extractf32x4_ps(acc, r)); });
         }
-    }
+    });
 }
 
 // Order 3 with packed objects (rows 3 elements apart in src1, src2 and
@@ -162,16 +165,8 @@ ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
         const __m512 x = _mm512_maskz_loadu_ps(m9, &b(o, 0, 0));
         static_for<3>([&](auto k) { bk[k] = _mm512_permutexvar_ps(index3_32<t2, false, k>(), x); });
     };
-    if constexpr (F == Fixed::src1) fetch_a(0);
-    if constexpr (F == Fixed::src2) fetch_b(0);
-    for (int o = 0; o < count; ++o) {
-        if constexpr (F != Fixed::src1) fetch_a(o);
-        if constexpr (F != Fixed::src2) fetch_b(o);
-        __m512 acc = _mm512_mul_ps(ak[0], bk[0]);
-        acc = _mm512_add_ps(acc, _mm512_mul_ps(ak[1], bk[1]));
-        acc = _mm512_add_ps(acc, _mm512_mul_ps(ak[2], bk[2]));
-        _mm512_mask_storeu_ps(&d(o, 0, 0), m9, acc);
-    }
+    each_object<F>(count, fetch_a, fetch_b,
+                   [&](int o) { _mm512_mask_storeu_ps(&d(o, 0, 0), m9, sum_k<3>(ak, bk)); });
 }
 
 #endif
@@ -191,8 +186,8 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
     }
     if constexpr (!t2 && n == 4 && sizeof(T) == 4) {
         // Rows of src1 and dst 4 elements apart: one load or store each.
-        if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<n, t1, true, fx>(A, B, D, count);
-        return rows4_f32<n, t1, false, fx>(A, B, D, count);
+        if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
+        return rows4_f32<t1, false, fx>(A, B, D, count);
     }
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
@@ -271,20 +266,17 @@ void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N
     const auto A = op_of<t1>(table_of<const T>(a));
     const auto B = op_of<t2>(table_of<const T>(b));
     const auto D = table_of<T>(d);
-    for (int i = 0; i < M; ++i)
-        for (int k = 0; k < K; ++k) {
-            if constexpr (a1)
-                pa[i * K + k] = &A(0, i, k);
-            else
-                va[i * K + k] = A(0, i, k);
-        }
-    for (int k = 0; k < K; ++k)
-        for (int j = 0; j < N; ++j) {
-            if constexpr (a2)
-                pb[k * N + j] = &B(0, k, j);
-            else
-                vb[k * N + j] = B(0, k, j);
-        }
+    auto look_up = [](const auto& X, int R, int C, auto array, const T** p, T* v) {
+        for (int r = 0; r < R; ++r)
+            for (int c = 0; c < C; ++c) {
+                if constexpr (decltype(array)::value)
+                    p[r * C + c] = &X(0, r, c);
+                else
+                    v[r * C + c] = X(0, r, c);
+            }
+    };
+    look_up(A, M, K, std::bool_constant<a1>{}, pa, va);
+    look_up(B, K, N, std::bool_constant<a2>{}, pb, vb);
     for (int i = 0; i < M; ++i)
         for (int j = 0; j < N; ++j) pd[i * N + j] = &D(0, i, j);
     int o = 0;
