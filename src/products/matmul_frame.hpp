@@ -152,7 +152,7 @@ template <Kind k> using KindTag = std::integral_constant<Kind, k>;
 // The frame of every Mul of two matrices. Checks: pointers, count (arrays),
 // sizes, inner sizes, strides, shifts.
 template <Group G, Form F, Lay Y, class T, class G1, class G2, class GD>
-OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const GD& gd,
+ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const GD& gd,
               int count) {
     constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
     const int M = t1 ? w1 : h1, K = t1 ? h1 : w1;
