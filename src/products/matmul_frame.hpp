@@ -5,7 +5,10 @@
 //
 // The frame checks, estimates the work, picks the kernel kind from the
 // layout and the element strides, and hands over to the kernel bodies of
-// matmul_kernels.hpp with the path table of matmul_paths.hpp. The entry
+// matmul_kernels.hpp with the path table of matmul_paths.hpp, or, for the
+// unrolled orders of the contiguous kernels and for structure-of-arrays
+// planes of layout P, to the running target's kernels of
+// matmul_fast.multi.cpp (matmul_table.hpp). The entry
 // points are expanded by form group in matmul_one.cpp, matmul_mam.cpp,
 // matmul_mma.cpp and matmul_mama.cpp.
 //
@@ -17,10 +20,14 @@
 // here. Nor do the 64f L kernels fetch the table entry past the last object.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+
 #include "common/checks.hpp"
 #include "common/layout.hpp"
 #include "common/parallel.hpp"
 #include "products/matmul_kernels.hpp"
+#include "products/matmul_table.hpp"
 
 namespace orsm::matmul {
 
@@ -38,6 +45,7 @@ template <class X> struct SM {
     OrsStatus strides() const { return strides_ok<X>(s0, s1, s2); }
     OrsStatus shifts() const { return StatusOk; }
     SAcc<X> acc(int) const { return s_mat(p, s0, s1, s2); }
+    Opnd at(int f, int) const { return {byte_off(p, ptrdiff_t(f) * s0), s0, s1, 0}; }
 };
 template <class X> struct S1 {
     X* p;
@@ -45,6 +53,7 @@ template <class X> struct S1 {
     OrsStatus strides() const { return strides_ok<X>(s1, s2); }
     OrsStatus shifts() const { return StatusOk; }
     SAcc<X> acc(int) const { return s_one(p, s1, s2); }
+    Opnd at(int, int) const { return {p, 0, s1, 0}; }
 };
 template <class X> struct PM {
     X* const* p;
@@ -52,6 +61,7 @@ template <class X> struct PM {
     OrsStatus strides() const { return strides_ok<X>(s0); }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     PAcc<X> acc(int cols) const { return p_arr(p, shift, s0, cols); }
+    Opnd at(int f, int cols) const { return {p, s0, cols, shift + ptrdiff_t(f) * s0}; }
 };
 template <class X> struct P1 {
     X* const* p;
@@ -59,6 +69,7 @@ template <class X> struct P1 {
     OrsStatus strides() const { return StatusOk; }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     PAcc<X> acc(int cols) const { return p_one(p, shift, cols); }
+    Opnd at(int, int cols) const { return {p, 0, cols, shift}; }
 };
 template <class X> struct LM {
     X* const* p;
@@ -66,6 +77,7 @@ template <class X> struct LM {
     OrsStatus strides() const { return strides_ok<X>(s1, s2); }
     OrsStatus shifts() const { return shifts_ok<X>(shift); }
     LAcc<X> acc(int) const { return l_mat(p, shift, s1, s2); }
+    Opnd at(int f, int) const { return {p + f, 0, s1, shift}; }
 };
 
 template <bool transposed, class A> auto op(const A& a) {
@@ -94,12 +106,53 @@ constexpr int work(Group g, int M, int K, int N, int count) {
     }
 }
 
+// Layout P operands: do the bytes of any dst element plane meet those of
+// another dst plane or of a source plane? Each entry is the plane of its
+// `count` objects (the byte range from the first object's element to the
+// end of the last); a fixed operand's plane is one element. Asked only of
+// small tables (up to 64 dst entries): sorted on the stack, one binary
+// search per source entry.
+template <class T> bool planes_meet(const PAcc<const T>* src, const int* entries, int nsrc,
+                                    const PAcc<T>& d, int dentries, int count) {
+    using U = std::uintptr_t;
+    U start[64];
+    const U dlen = U(count - 1) * U(d.s0) + sizeof(T);
+    for (int e = 0; e < dentries; ++e) start[e] = U(d.table[e]) + U(d.shift);
+    std::sort(start, start + dentries);
+    for (int e = 1; e < dentries; ++e)
+        if (start[e] - start[e - 1] < dlen) return true;
+    for (int s = 0; s < nsrc; ++s) {
+        const U len = U(count - 1) * U(src[s].s0) + sizeof(T);
+        for (int e = 0; e < entries[s]; ++e) {
+            const U lo = U(src[s].table[e]) + U(src[s].shift);
+            // The first dst plane ending after lo meets it if it starts
+            // before lo + len.
+            const U* x = std::partition_point(start, start + dentries,
+                                              [&](U s0) { return s0 + dlen <= lo; });
+            if (x != start + dentries && *x < lo + len) return true;
+        }
+    }
+    return false;
+}
+
+// Layout P over structure-of-arrays planes: every array operand's object
+// stride is the element size, the shape is small enough for the overlap
+// test, and no dst plane meets another dst plane or a source plane.
+template <class T, bool a1, bool a2, class A, class B, class D>
+bool soa_planes(const A& a, const B& b, const D& d, int M, int K, int N, int count) {
+    if ((a1 && a.s0 != esize<T>) || (a2 && b.s0 != esize<T>) || d.s0 != esize<T>) return false;
+    if (M > 8 || K > 8 || N > 8) return false;
+    const PAcc<const T> src[2] = {a, b};
+    const int entries[2] = {M * K, K * N};
+    return !planes_meet<T>(src, entries, 2, d, M * N, count);
+}
+
 template <Kind k> using KindTag = std::integral_constant<Kind, k>;
 
 // The frame of every Mul of two matrices. Checks: pointers, count (arrays),
 // sizes, inner sizes, strides, shifts.
 template <Group G, Form F, Lay Y, class T, class G1, class G2, class GD>
-OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const GD& gd,
+ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const GD& gd,
               int count) {
     constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
     const int M = t1 ? w1 : h1, K = t1 ? h1 : w1;
@@ -113,28 +166,66 @@ OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const 
 
     constexpr Type ty = sizeof(T) == 4 ? f32 : f64;
     constexpr Fixed fx = G == Group::mam ? Fixed::src2 : G == Group::mma ? Fixed::src1 : Fixed::none;
-    auto go = [&]<Kind kd>(KindTag<kd>, auto a, auto b, auto d) {
-        static constexpr Paths p = paths(G, F, ty, kd);
-        const auto A = op<t1>(a);
-        const auto B = op<t2>(b);
+    constexpr Kind contig = Y == Lay::S ? Kind::C : Y == Lay::L ? Kind::L : Kind::P;
+    constexpr Kind strided = Y == Lay::S ? Kind::S2 : Y == Lay::L ? Kind::LS2 : Kind::P;
+
+    // Serial kernel on the whole call or the parallel form, by the limit of
+    // the kernel kind; share(f, k) runs objects f to f + k - 1.
+    auto over = [&](Kind kd, auto share) {
         if constexpr (G == Group::one) {
-            kern::run<p, Fixed::none>(A, B, d, M, K, N, 1);
+            share(0, 1);
             return StatusOk;
         } else {
             return dispatch(work(G, M, K, N, count), serial_below(limit(ty, kd)), count,
                             [&](int f, int k) {
-                                kern::run<p, fx>(A.object(f), B.object(f), d.object(f), M, K,
-                                                 N, k);
+                                share(f, k);
                                 return StatusOk;
                             });
         }
     };
+
+    // The running target's table serves the unrolled orders of the
+    // contiguous S and L kernels (the kernel's own paths, or those of the
+    // contiguous single kernel it calls per object) and layout P over
+    // structure-of-arrays planes that do not meet.
+    bool contiguous = false;
+    if constexpr (Y != Lay::P) contiguous = all_contiguous<T>(g1.s2, g2.s2, gd.s2);
+    if (contiguous && M == K && K == N && M >= 3 && M <= 6) {
+        constexpr Paths pc = paths(G, F, ty, contig);
+        constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
+        if ((orders >> M) & 1u) {
+            const Kernel k = isa::select(matmul_tables).order[int(G)][F][ty][Y == Lay::L][M - 3];
+            return over(contig, [&](int f, int n) {
+                k(g1.at(f, w1), g2.at(f, w2), gd.at(f, N), n);
+            });
+        }
+    }
+    if constexpr (Y == Lay::P && G != Group::one) {
+        if (soa_planes<T, G != Group::mma, G != Group::mam>(g1.acc(w1), g2.acc(w2), gd.acc(N), M,
+                                                             K, N, count)) {
+            constexpr Paths pp = paths(G, F, ty, Kind::P);
+            const bool unrolled = M == K && K == N && M >= 3 && M <= 6 && ((pp.orders >> M) & 1u);
+            const SoaKernel k =
+                isa::select(matmul_tables).soa[int(G) - 1][F][ty][unrolled ? M - 3 : 4];
+            return over(Kind::P, [&](int f, int n) {
+                k(g1.at(f, w1), g2.at(f, w2), gd.at(f, N), M, K, N, n);
+            });
+        }
+    }
+
+    // The baseline kernels.
+    auto go = [&]<Kind kd>(KindTag<kd>, auto a, auto b, auto d) {
+        static constexpr Paths p = paths(G, F, ty, kd);
+        const auto A = op<t1>(a);
+        const auto B = op<t2>(b);
+        return over(kd, [&](int f, int n) {
+            kern::run<p, fx>(A.object(f), B.object(f), d.object(f), M, K, N, n);
+        });
+    };
     if constexpr (Y == Lay::P) {
         return go(KindTag<Kind::P>{}, g1.acc(w1), g2.acc(w2), gd.acc(N));
     } else {
-        constexpr Kind contig = Y == Lay::S ? Kind::C : Kind::L;
-        constexpr Kind strided = Y == Lay::S ? Kind::S2 : Kind::LS2;
-        if (all_contiguous<T>(g1.s2, g2.s2, gd.s2))
+        if (contiguous)
             return go(KindTag<contig>{}, g1.acc(w1).template as<true>(),
                       g2.acc(w2).template as<true>(), gd.acc(N).template as<true>());
         return go(KindTag<strided>{}, g1.acc(w1), g2.acc(w2), gd.acc(N));

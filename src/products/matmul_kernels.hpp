@@ -13,6 +13,10 @@
 
 #include <utility>
 
+#if defined(__AVX512F__) || defined(__AVX2__)
+#include <immintrin.h>
+#endif
+
 #include "common/base.hpp"
 #include "common/layout.hpp"
 #include "products/matmul_paths.hpp"
@@ -46,54 +50,158 @@ namespace ORSM_TARGET {
 
 #define ORSM_UNROLL _Pragma("GCC unroll 16")
 
-// Columns are carried in vector registers of the target's width
-// (ORSM_VECTOR_BYTES, 16 unless the including source sets it): a row of op(src2) or of
-// running sums is a few vectors, the last one padded with zero columns that
-// are computed and never stored. Lanes run over the columns j only.
+// Columns are carried in vector registers: a row of op(src2) or of running
+// sums is a few vectors of the narrowest width (from 16 bytes up to the
+// target's ORSM_VECTOR_BYTES, 16 unless the including source sets it) that
+// holds the row, the last one padded with zero columns that are computed
+// and never stored. Lanes run over the columns j only.
 #ifndef ORSM_VECTOR_BYTES
 #define ORSM_VECTOR_BYTES 16
 #endif
-template <class T> struct Vec {
-    static constexpr int lanes = ORSM_VECTOR_BYTES / int(sizeof(T));
-    typedef T type __attribute__((vector_size(ORSM_VECTOR_BYTES)));
+constexpr int pow2_at_least(int n) {
+    int p = 1;
+    while (p < n) p *= 2;
+    return p;
+}
+template <class T, int L> struct VecOf {
+    typedef T type __attribute__((vector_size(L * sizeof(T))));
 };
-template <class T> using vec_t = typename Vec<T>::type;
-template <class T, int N> constexpr int nvec = (N + Vec<T>::lanes - 1) / Vec<T>::lanes;
+template <class T, int L> using vec_of = typename VecOf<T, L>::type;
+template <class T, int N> struct Vec {
+    static constexpr int widest = ORSM_VECTOR_BYTES / int(sizeof(T));
+    static constexpr int narrowest = 16 / int(sizeof(T));
+    static constexpr int want = pow2_at_least(N);
+    static constexpr int lanes = want < narrowest ? narrowest : want > widest ? widest : want;
+    using type = vec_of<T, lanes>;
+};
+template <class T, int N> using vec_t = typename Vec<T, N>::type;
+template <class T, int N> constexpr int nvec = (N + Vec<T, N>::lanes - 1) / Vec<T, N>::lanes;
+
+// Halves of a vector and two halves joined (lane order kept).
+template <class V, std::size_t... I>
+ORSM_INLINE auto lanes_of(const V& v, std::integral_constant<std::size_t, 0>, std::index_sequence<I...>) {
+    return __builtin_shufflevector(v, v, int(I)...);
+}
+template <class V, std::size_t... I>
+ORSM_INLINE auto lanes_of(const V& v, std::integral_constant<std::size_t, 1>, std::index_sequence<I...>) {
+    return __builtin_shufflevector(v, v, int(sizeof...(I) + I)...);
+}
+template <class V> ORSM_INLINE auto low_half(const V& v) {
+    constexpr std::size_t L = sizeof(V) / sizeof(v[0]);
+    return lanes_of(v, std::integral_constant<std::size_t, 0>{}, std::make_index_sequence<L / 2>{});
+}
+template <class V> ORSM_INLINE auto high_half(const V& v) {
+    constexpr std::size_t L = sizeof(V) / sizeof(v[0]);
+    return lanes_of(v, std::integral_constant<std::size_t, 1>{}, std::make_index_sequence<L / 2>{});
+}
+template <class H, std::size_t... I>
+ORSM_INLINE auto concat_lanes(const H& lo, const H& hi, std::index_sequence<I...>) {
+    return __builtin_shufflevector(lo, hi, int(I)...);
+}
+template <class H> ORSM_INLINE auto concat(const H& lo, const H& hi) {
+    constexpr std::size_t L = sizeof(H) / sizeof(lo[0]);
+    return concat_lanes(lo, hi, std::make_index_sequence<2 * L>{});
+}
+
+// The first C lanes of a vector of L lanes from or to packed memory, the
+// other lanes zero; nothing past the C elements is touched. AVX-512 masks
+// the access; other targets split it into halves, quarters, ...
+template <int C, class T, int L> ORSM_INLINE vec_of<T, L> load_part(const T* p) {
+    using V = vec_of<T, L>;
+    V v;
+    if constexpr (C == 0) {
+        v = V{};
+    } else if constexpr (C == L) {
+        std::memcpy(&v, p, sizeof v);
+#if defined(__AVX512F__) && defined(__AVX512VL__)
+    } else if constexpr (L * sizeof(T) >= 16) {
+        constexpr unsigned m = (1u << C) - 1;
+        if constexpr (sizeof(V) == 64 && sizeof(T) == 4) v = V(_mm512_maskz_loadu_ps(m, p));
+        if constexpr (sizeof(V) == 64 && sizeof(T) == 8) v = V(_mm512_maskz_loadu_pd(m, p));
+        if constexpr (sizeof(V) == 32 && sizeof(T) == 4) v = V(_mm256_maskz_loadu_ps(m, p));
+        if constexpr (sizeof(V) == 32 && sizeof(T) == 8) v = V(_mm256_maskz_loadu_pd(m, p));
+        if constexpr (sizeof(V) == 16 && sizeof(T) == 4) v = V(_mm_maskz_loadu_ps(m, p));
+        if constexpr (sizeof(V) == 16 && sizeof(T) == 8) v = V(_mm_maskz_loadu_pd(m, p));
+#endif
+    } else if constexpr (L == 2) {
+        v = V{p[0], T(0)};
+    } else {
+        using H = vec_of<T, L / 2>;
+        H lo, hi;
+        if constexpr (C >= L / 2) {
+            lo = load_part<L / 2, T, L / 2>(p);
+            hi = load_part<C - L / 2, T, L / 2>(p + L / 2);
+        } else {
+            lo = load_part<C, T, L / 2>(p);
+            hi = H{};
+        }
+        v = concat(lo, hi);
+    }
+    return v;
+}
+template <int C, class T, int L> ORSM_INLINE void store_part(T* p, const vec_of<T, L>& v) {
+    [[maybe_unused]] typedef vec_of<T, L> V;
+    if constexpr (C == 0) {
+        return;
+    } else if constexpr (C == L) {
+        std::memcpy(p, &v, sizeof v);
+#if defined(__AVX512F__) && defined(__AVX512VL__)
+    } else if constexpr (L * sizeof(T) >= 16) {
+        constexpr unsigned m = (1u << C) - 1;
+        if constexpr (sizeof(V) == 64 && sizeof(T) == 4) _mm512_mask_storeu_ps(p, m, __m512(v));
+        if constexpr (sizeof(V) == 64 && sizeof(T) == 8) _mm512_mask_storeu_pd(p, m, __m512d(v));
+        if constexpr (sizeof(V) == 32 && sizeof(T) == 4) _mm256_mask_storeu_ps(p, m, __m256(v));
+        if constexpr (sizeof(V) == 32 && sizeof(T) == 8) _mm256_mask_storeu_pd(p, m, __m256d(v));
+        if constexpr (sizeof(V) == 16 && sizeof(T) == 4) _mm_mask_storeu_ps(p, m, __m128(v));
+        if constexpr (sizeof(V) == 16 && sizeof(T) == 8) _mm_mask_storeu_pd(p, m, __m128d(v));
+#endif
+    } else if constexpr (L == 2) {
+        p[0] = v[0];
+    } else {
+        if constexpr (C >= L / 2) {
+            store_part<L / 2, T, L / 2>(p, low_half(v));
+            store_part<C - L / 2, T, L / 2>(p + L / 2, high_half(v));
+        } else {
+            store_part<C, T, L / 2>(p, low_half(v));
+        }
+    }
+}
 
 // Row accessors whose elements lie one element apart in memory.
 template <class A> struct packed_rows : std::false_type {};
 template <class T> struct packed_rows<SAcc<T, true>> : std::true_type {};
 template <class T> struct packed_rows<LAcc<T, true>> : std::true_type {};
 
-// Vector V0 / lanes of row r of object n: whole vectors of packed rows by
-// one unaligned load, others element by element; columns past N are zero.
+// Vector V0 / lanes of row r of object n: packed rows by (partial) vector
+// loads, others element by element; columns past N are zero.
 template <int N, int V0, class T, class A, std::size_t... L>
-inline vec_t<T> load_vec(const A& a, int n, int r, std::index_sequence<L...>) {
-    vec_t<T> v;
-    if constexpr (packed_rows<A>::value && V0 + Vec<T>::lanes <= N) {
-        std::memcpy(&v, &a(n, r, V0), sizeof v);
+ORSM_INLINE vec_t<T, N> load_vec(const A& a, int n, int r, std::index_sequence<L...>) {
+    constexpr int W = Vec<T, N>::lanes;
+    if constexpr (packed_rows<A>::value) {
+        return load_part<(N - V0 < W ? N - V0 : W), T, W>(&a(n, r, V0));
     } else {
-        v = vec_t<T>{(V0 + int(L) < N ? T(a(n, r, V0 + int(L))) : T(0))...};
+        return vec_t<T, N>{(V0 + int(L) < N ? T(a(n, r, V0 + int(L))) : T(0))...};
     }
-    return v;
 }
 template <int N, int V0, class T, class D>
-inline void store_vec(const vec_t<T>& v, const D& d, int n, int r) {
-    if constexpr (packed_rows<D>::value && V0 + Vec<T>::lanes <= N) {
-        std::memcpy(&d(n, r, V0), &v, sizeof v);
+ORSM_INLINE void store_vec(const vec_t<T, N>& v, const D& d, int n, int r) {
+    constexpr int W = Vec<T, N>::lanes;
+    if constexpr (packed_rows<D>::value) {
+        store_part<(N - V0 < W ? N - V0 : W), T, W>(&d(n, r, V0), v);
     } else {
-        ORSM_UNROLL for (int c = V0; c < N && c < V0 + Vec<T>::lanes; ++c) d(n, r, c) = v[c - V0];
+        ORSM_UNROLL for (int c = V0; c < N && c < V0 + W; ++c) d(n, r, c) = v[c - V0];
     }
 }
 template <int N, class T, class A, std::size_t... Vs>
-inline void load_row(vec_t<T>* out, const A& a, int n, int r, std::index_sequence<Vs...>) {
-    ((out[Vs] = load_vec<N, int(Vs) * Vec<T>::lanes, T>(
-          a, n, r, std::make_index_sequence<Vec<T>::lanes>{})),
+ORSM_INLINE void load_row(vec_t<T, N>* out, const A& a, int n, int r, std::index_sequence<Vs...>) {
+    ((out[Vs] = load_vec<N, int(Vs) * Vec<T, N>::lanes, T>(
+          a, n, r, std::make_index_sequence<Vec<T, N>::lanes>{})),
      ...);
 }
 template <int N, class T, class D, std::size_t... Vs>
-inline void store_row(const vec_t<T>* v, const D& d, int n, int r, std::index_sequence<Vs...>) {
-    (store_vec<N, int(Vs) * Vec<T>::lanes, T>(v[Vs], d, n, r), ...);
+ORSM_INLINE void store_row(const vec_t<T, N>* v, const D& d, int n, int r,
+                           std::index_sequence<Vs...>) {
+    (store_vec<N, int(Vs) * Vec<T, N>::lanes, T>(v[Vs], d, n, r), ...);
 }
 
 // Unrolled path for M by K times K by N: op(src2) of the object is fetched
@@ -102,11 +210,13 @@ inline void store_row(const vec_t<T>* v, const D& d, int n, int r, std::index_se
 // row of op(src2), the products added for k ascending. A fixed operand stays
 // in registers across objects.
 // The accessors are taken by value: the stores to dst cannot then be
-// thought to change them, and their fields stay in registers.
+// thought to change them, and their fields stay in registers. Always
+// inlined into its kernel: an accessor passed on the stack to a call is
+// copied there by halves and read back whole, which stalls every call.
 template <int M, int K, int N, Fixed F, class A, class B, class D>
-void order_path(const A a, const B b, const D d, int count) {
+ORSM_INLINE void order_path(const A a, const B b, const D d, int count) {
     using T = Plain<typename D::value_type>;
-    using V = vec_t<T>;
+    using V = vec_t<T, N>;
     constexpr int NV = nvec<T, N>;
     T av[M][K];
     V bv[K][NV];

@@ -1,0 +1,320 @@
+// Fast kernels of the matrix-matrix Mul, compiled once per instruction set
+// (this source is built per target, ORSM_TARGET naming it), gathered in the
+// table `matmul_table_<target>` that the frame picks at run time.
+//
+// The numerical rule is that of every baseline kernel: dst(i, j) is the sum
+// over k ascending of op(src1)(i, k) * op(src2)(k, j) in the element type,
+// never fused; an unrolled order starts from the first product, the general
+// loop from +0. Lanes run over columns j (several rows of dst side by side
+// in one wide register: still one lane per (i, j)), or over objects.
+//
+// Contiguous S and L kernels work one object at a time, n ascending, and
+// read the whole of an object's operands before they write its dst, so an
+// object written in place gives the bits of the baseline kernel.
+#include "kernels/isa.hpp"
+
+#if defined(__AVX512F__)
+#define ORSM_VECTOR_BYTES 64
+#elif defined(__AVX2__)
+#define ORSM_VECTOR_BYTES 32
+#else
+#define ORSM_VECTOR_BYTES 16
+#endif
+
+#include "products/matmul_kernels.hpp"
+#include "products/matmul_table.hpp"
+
+#if defined(__AVX512F__) && defined(__AVX512VL__) && defined(__AVX512DQ__)
+// The intrinsics' unmasked forms pass an undefined vector as their merge
+// source, which GCC 12 reports as possibly uninitialised.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#define ORSM_MM_WIDE 1
+#else
+#define ORSM_MM_WIDE 0
+#endif
+
+namespace orsm::matmul {
+namespace ORSM_TARGET {
+namespace {
+
+#define ORSM_UNROLL _Pragma("GCC unroll 16")
+
+template <int N, class F, std::size_t... I>
+constexpr ORSM_INLINE void static_for_(F&& f, std::index_sequence<I...>) {
+    (f(std::integral_constant<int, int(I)>{}), ...);
+}
+template <int N, class F> constexpr ORSM_INLINE void static_for(F&& f) {
+    static_for_<N>(f, std::make_index_sequence<N>{});
+}
+
+template <bool transposed, class A> ORSM_INLINE auto op_of(const A& a) {
+    if constexpr (transposed)
+        return TAcc<A>{a};
+    else
+        return a;
+}
+
+// Accessors of the contiguous kernels from the type-erased operands.
+template <class X, Kind KD, bool array> ORSM_INLINE auto acc_of(const Opnd& o) {
+    if constexpr (KD == Kind::L && array)
+        return LAcc<X, true>{static_cast<X* const*>(const_cast<void*>(o.p)), o.shift, o.s1,
+                             esize<X>};
+    else
+        return SAcc<X, true>{static_cast<X*>(const_cast<void*>(o.p)), array ? o.s0 : 0, o.s1,
+                             esize<X>};
+}
+template <class X> ORSM_INLINE PAcc<X> table_of(const Opnd& o) {
+    return {static_cast<X* const*>(const_cast<void*>(o.p)), o.shift, o.s0, int(o.s1)};
+}
+
+constexpr bool array1(Group g) { return g == Group::mam || g == Group::mama; }
+constexpr bool array2(Group g) { return g == Group::mma || g == Group::mama; }
+constexpr Fixed fixed_of(Group g) {
+    return g == Group::mam ? Fixed::src2 : g == Group::mma ? Fixed::src1 : Fixed::none;
+}
+
+#if ORSM_MM_WIDE
+// The loop over objects of the wide kernels: a fixed operand fetched once,
+// the array operands per object, all of an object read before its dst is
+// written; and the ascending-k sum of n lane-wise products.
+template <Fixed F, class FA, class FB, class Body>
+ORSM_INLINE void each_object(int count, FA fetch_a, FB fetch_b, Body body) {
+    if constexpr (F == Fixed::src1) fetch_a(0);
+    if constexpr (F == Fixed::src2) fetch_b(0);
+    for (int o = 0; o < count; ++o) {
+        if constexpr (F != Fixed::src1) fetch_a(o);
+        if constexpr (F != Fixed::src2) fetch_b(o);
+        body(o);
+    }
+}
+template <int n> ORSM_INLINE __m512 sum_k(const __m512* a, const __m512* b) {
+    __m512 acc = _mm512_mul_ps(a[0], b[0]);
+    static_for<n - 1>([&](auto k) { acc = _mm512_add_ps(acc, _mm512_mul_ps(a[k + 1], b[k + 1])); });
+    return acc;
+}
+
+// Order 4, 32f: dst in one zmm, row i in lanes 4i to 4i+3. Per k,
+// op(src1)(i, k) is spread over lane group i by an in-lane permute and row k
+// of op(src2) is repeated in the four groups: one multiply and one add per k
+// for the whole matrix. `a` and `b` read the stored operands; op(src2) must
+// not be transposed. Packed: rows of src1 and dst lie 4 elements apart.
+template <bool t1, bool packed, Fixed F, class A, class B, class D>
+ORSM_INLINE void rows4_f32(const A a, const B b, const D d, int count) {
+    __m512 bk[4], ak[4];
+    auto fetch_b = [&](int o) {
+        static_for<4>([&](auto k) { bk[k] = _mm512_broadcast_f32x4(_mm_loadu_ps(&b(o, k, 0))); });
+    };
+    auto fetch_a = [&](int o) {
+        if constexpr (!t1) {
+            __m512 rows;
+            if constexpr (packed) {
+                rows = _mm512_loadu_ps(&a(o, 0, 0));
+            } else {
+                rows = _mm512_castps128_ps512(_mm_loadu_ps(&a(o, 0, 0)));
+                static_for<3>([&](auto r) {
+                    rows = _mm512_insertf32x4(rows, _mm_loadu_ps(&a(o, r + 1, 0)), r + 1);
+                });
+            }
+            static_for<4>([&](auto k) { ak[k] = _mm512_permute_ps(rows, k * 0x55); });
+        } else {
+            const __m512i idx = _mm512_set_epi32(3, 3, 3, 3, 2, 2, 2, 2, 1, 1, 1, 1, 0, 0, 0, 0);
+            static_for<4>([&](auto k) {
+                ak[k] = _mm512_permutexvar_ps(idx, _mm512_castps128_ps512(_mm_loadu_ps(&a(o, k, 0))));
+            });
+        }
+    };
+    each_object<F>(count, fetch_a, fetch_b, [&](int o) {
+        const __m512 acc = sum_k<4>(ak, bk);
+        if constexpr (packed) {
+            _mm512_storeu_ps(&d(o, 0, 0), acc);
+        } else {
+            static_for<4>([&](auto r) { _mm_storeu_ps(&d(o, r, 0), _mm512_extractf32x4_ps(acc, r)); });
+        }
+    });
+}
+
+// Order 3 with packed objects (rows 3 elements apart in src1, src2 and
+// dst): an object is 9 consecutive elements, and so is dst, with lane
+// l = 3i + j. Per k, op(src1)(i, k) and op(src2)(k, j) are put in lane l by
+// one permute of the object each; a transposed operand only changes the
+// permute. 32f only: the 9 lanes of one zmm (for 64f the two-source
+// permutes cost more than rows in ymm registers).
+template <bool t, bool first> constexpr int pick3(int l, int k) {
+    // Stored index of op(src1)(i, k) (first) or op(src2)(k, j) for lane l.
+    const int i = l / 3, j = l % 3;
+    if constexpr (first) return t ? k * 3 + i : i * 3 + k;
+    return t ? j * 3 + k : k * 3 + j;
+}
+template <bool t, bool first, int k> ORSM_INLINE __m512i index3_32() {
+    alignas(64) static constexpr int idx[16] = {
+        pick3<t, first>(0, k), pick3<t, first>(1, k), pick3<t, first>(2, k), pick3<t, first>(3, k),
+        pick3<t, first>(4, k), pick3<t, first>(5, k), pick3<t, first>(6, k), pick3<t, first>(7, k),
+        pick3<t, first>(8, k), 0, 0, 0, 0, 0, 0, 0};
+    return _mm512_load_si512(idx);
+}
+template <bool t1, bool t2, Fixed F, class A, class B, class D>
+ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
+    constexpr __mmask16 m9 = 0x1FF;
+    __m512 ak[3], bk[3];
+    auto fetch_a = [&](int o) {
+        const __m512 x = _mm512_maskz_loadu_ps(m9, &a(o, 0, 0));
+        static_for<3>([&](auto k) { ak[k] = _mm512_permutexvar_ps(index3_32<t1, true, k>(), x); });
+    };
+    auto fetch_b = [&](int o) {
+        const __m512 x = _mm512_maskz_loadu_ps(m9, &b(o, 0, 0));
+        static_for<3>([&](auto k) { bk[k] = _mm512_permutexvar_ps(index3_32<t2, false, k>(), x); });
+    };
+    each_object<F>(count, fetch_a, fetch_b,
+                   [&](int o) { _mm512_mask_storeu_ps(&d(o, 0, 0), m9, sum_k<3>(ak, bk)); });
+}
+
+#endif
+
+// One unrolled order of a contiguous S or L kernel.
+template <Group G, Form F, class T, Kind KD, int n>
+void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
+    constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
+    constexpr Fixed fx = fixed_of(G);
+    const auto A = acc_of<const T, KD, array1(G)>(a);
+    const auto B = acc_of<const T, KD, array2(G)>(b);
+    const auto D = acc_of<T, KD, G != Group::one>(d);
+#if ORSM_MM_WIDE
+    if constexpr (n == 3 && sizeof(T) == 4) {
+        // Packed objects: the whole object in one register.
+        if (a.s1 == 12 && b.s1 == 12 && d.s1 == 12) return packed3_f32<t1, t2, fx>(A, B, D, count);
+    }
+    if constexpr (!t2 && n == 4 && sizeof(T) == 4) {
+        // Rows of src1 and dst 4 elements apart: one load or store each.
+        if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
+        return rows4_f32<t1, false, fx>(A, B, D, count);
+    }
+#endif
+    order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
+}
+
+// Layout P over structure-of-arrays planes: lanes over L objects at once.
+// Element (r, c) of objects o..o+L-1 of an array operand is one vector
+// load from its plane; a fixed operand's element is broadcast. Orders
+// 3 to 6 (n) start from the first product, the general loop (n 0) from +0:
+// the sum is held in a register and stored once, which gives the bits of
+// the baseline general loop, whose accumulator is dst itself, since dst
+// shares no byte with a source (the frame has tested it). The planes of
+// op(src1), op(src2) and dst are looked up once per call, in logical order.
+template <class V, class T, std::size_t... I>
+ORSM_INLINE V splat(T x, std::index_sequence<I...>) {
+    return V{((void)I, x)...};
+}
+template <int L, class T> ORSM_INLINE vec_of<T, L> lanes_at(const T* plane, int o) {
+    vec_of<T, L> v;
+    std::memcpy(&v, plane + o, sizeof v);
+    return v;
+}
+// Element e of a logical operand for objects o..o+L-1: its plane, or the
+// fixed value.
+template <int L, bool array, class T> struct Planes {
+    const T* const* p;
+    const T* v;
+    ORSM_INLINE vec_of<T, L> operator()(int e, int o) const {
+        if constexpr (array)
+            return lanes_at<L, T>(p[e], o);
+        else
+            return splat<vec_of<T, L>>(v[e], std::make_index_sequence<L>{});
+    }
+};
+
+template <int L, int n, bool a1, bool a2, class T>
+ORSM_INLINE void soa_block(const T* const* pa, const T* va, const T* const* pb, const T* vb,
+                           T* const* pd, int o, int M, int K, int N) {
+    using V = vec_of<T, L>;
+    const Planes<L, a1, T> A{pa, va};
+    const Planes<L, a2, T> B{pb, vb};
+    if constexpr (n > 0) {
+        V bv[n][n];
+        ORSM_UNROLL for (int k = 0; k < n; ++k) ORSM_UNROLL for (int j = 0; j < n; ++j) bv[k][j] = B(k * n + j, o);
+        ORSM_UNROLL for (int i = 0; i < n; ++i) {
+            V av[n];
+            ORSM_UNROLL for (int k = 0; k < n; ++k) av[k] = A(i * n + k, o);
+            ORSM_UNROLL for (int j = 0; j < n; ++j) {
+                V s = av[0] * bv[0][j];
+                ORSM_UNROLL for (int k = 1; k < n; ++k) s = s + av[k] * bv[k][j];
+                std::memcpy(pd[i * n + j] + o, &s, sizeof s);
+            }
+        }
+    } else {
+        for (int i = 0; i < M; ++i)
+            for (int j = 0; j < N; ++j) {
+                V s = V{} + A(i * K, o) * B(j, o);
+                for (int k = 1; k < K; ++k) s = s + A(i * K + k, o) * B(k * N + j, o);
+                std::memcpy(pd[i * N + j] + o, &s, sizeof s);
+            }
+    }
+}
+
+template <Group G, Form F, class T, int n>
+void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N, int count) {
+    constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
+    constexpr bool a1 = array1(G), a2 = array2(G);
+    constexpr int W = ORSM_VECTOR_BYTES / int(sizeof(T));
+    if constexpr (n > 0) M = K = N = n;
+    // Planes (arrays) or values (fixed operands) in logical row-major
+    // order; shapes are at most 8 by 8.
+    const T* pa[64];
+    const T* pb[64];
+    T* pd[64];
+    T va[64], vb[64];
+    const auto A = op_of<t1>(table_of<const T>(a));
+    const auto B = op_of<t2>(table_of<const T>(b));
+    const auto D = table_of<T>(d);
+    auto look_up = [](const auto& X, int R, int C, auto array, const T** p, T* v) {
+        for (int r = 0; r < R; ++r)
+            for (int c = 0; c < C; ++c) {
+                if constexpr (decltype(array)::value)
+                    p[r * C + c] = &X(0, r, c);
+                else
+                    v[r * C + c] = X(0, r, c);
+            }
+    };
+    look_up(A, M, K, std::bool_constant<a1>{}, pa, va);
+    look_up(B, K, N, std::bool_constant<a2>{}, pb, vb);
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < N; ++j) pd[i * N + j] = &D(0, i, j);
+    int o = 0;
+    for (; o + W <= count; o += W) soa_block<W, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
+    for (; o < count; ++o) soa_block<1, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
+}
+
+template <Group G, Form F, class T> constexpr void fill_group(Table& t) {
+    constexpr int g = int(G), ty = sizeof(T) == 4 ? 0 : 1;
+    static_for<4>([&](auto o) {
+        t.order[g][F][ty][0][o] = &order_kernel<G, F, T, Kind::C, o + 3>;
+        if constexpr (G != Group::one) {
+            t.order[g][F][ty][1][o] = &order_kernel<G, F, T, Kind::L, o + 3>;
+            t.soa[g - 1][F][ty][o] = &soa_kernel<G, F, T, o + 3>;
+        }
+    });
+    if constexpr (G != Group::one) t.soa[g - 1][F][ty][4] = &soa_kernel<G, F, T, 0>;
+}
+
+template <class T> constexpr void fill_type(Table& t) {
+    static_for<4>([&](auto g) {
+        static_for<4>([&](auto f) {
+            fill_group<Group(decltype(g)::value), Form(decltype(f)::value), T>(t);
+        });
+    });
+}
+
+constexpr Table make_table() {
+    Table t{};
+    fill_type<float>(t);
+    fill_type<double>(t);
+    return t;
+}
+
+}  // namespace
+}  // namespace ORSM_TARGET
+
+extern const Table ORSM_TARGET_SYMBOL(matmul_table_);
+constexpr Table ORSM_TARGET_SYMBOL(matmul_table_) = ORSM_TARGET::make_table();
+
+}  // namespace orsm::matmul
