@@ -15,9 +15,10 @@ Target detect() {
 }
 
 const Target detected = detect();
-int forced = -1;
 
 }  // namespace
+
+int detail::current_target = detected;
 
 const char* name(Target t) {
     switch (t) {
@@ -30,14 +31,9 @@ const char* name(Target t) {
 bool supported(Target t) { return t >= sse2 && t <= detected; }
 Target best() { return detected; }
 
-Target current() {
-    const int f = __atomic_load_n(&forced, __ATOMIC_RELAXED);
-    return f < 0 ? detected : Target(f);
-}
-
 bool force(int target) {
     if (target >= kTargets || (target >= 0 && !supported(Target(target)))) return false;
-    __atomic_store_n(&forced, target < 0 ? -1 : target, __ATOMIC_RELAXED);
+    __atomic_store_n(&detail::current_target, target < 0 ? int(detected) : target, __ATOMIC_RELAXED);
     return true;
 }
 

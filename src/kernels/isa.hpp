@@ -24,8 +24,16 @@ const char* name(Target t);
 bool supported(Target t);
 Target best();
 
-// The target the fast paths use now.
-Target current();
+namespace detail {
+// The target in use: zero (the baseline) until the library's start-up code
+// has read CPUID, so a call made even before that is safe.
+extern int current_target;
+}
+
+// The target the fast paths use now: one load, inlined into every frame.
+inline Target current() {
+    return Target(__atomic_load_n(&detail::current_target, __ATOMIC_RELAXED));
+}
 
 // Forces a target (for tests); a negative value restores the automatic
 // choice. Returns false, changing nothing, for a target the processor lacks.
