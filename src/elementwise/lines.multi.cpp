@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "elementwise/lines.hpp"
+#include "kernels/isa.hpp"
 
 // The wide vectors below never cross a call (every helper is inlined), so
 // the note on their calling convention under narrower targets does not apply.
@@ -20,13 +21,7 @@ namespace orsm::ew {
 namespace ORSM_TARGET {
 namespace {
 
-#if defined(__AVX512F__)
-constexpr int kBytes = 64;
-#elif defined(__AVX2__)
-constexpr int kBytes = 32;
-#else
-constexpr int kBytes = 16;
-#endif
+constexpr int kBytes = ORSM_TARGET_VECTOR_BYTES;
 
 template <class T, int Bytes> struct Wide {
     typedef T V __attribute__((vector_size(Bytes)));

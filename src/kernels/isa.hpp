@@ -53,3 +53,12 @@ template <class Table> const Table& select(const Table* const (&tables)[kTargets
 #define ORSM_CAT2(a, b) a##b
 #define ORSM_CAT(a, b) ORSM_CAT2(a, b)
 #define ORSM_TARGET_SYMBOL(prefix) ORSM_CAT(prefix, ORSM_TARGET)
+
+// Bytes of the widest vector register of the target being compiled.
+#if defined(__AVX512F__)
+#define ORSM_TARGET_VECTOR_BYTES 64
+#elif defined(__AVX2__)
+#define ORSM_TARGET_VECTOR_BYTES 32
+#else
+#define ORSM_TARGET_VECTOR_BYTES 16
+#endif

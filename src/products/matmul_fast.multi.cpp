@@ -13,13 +13,7 @@
 // object written in place gives the bits of the baseline kernel.
 #include "kernels/isa.hpp"
 
-#if defined(__AVX512F__)
-#define ORSM_VECTOR_BYTES 64
-#elif defined(__AVX2__)
-#define ORSM_VECTOR_BYTES 32
-#else
-#define ORSM_VECTOR_BYTES 16
-#endif
+#define ORSM_VECTOR_BYTES ORSM_TARGET_VECTOR_BYTES
 
 #include "products/matmul_kernels.hpp"
 #include "products/matmul_table.hpp"

@@ -16,18 +16,13 @@
 #include <utility>
 
 #include "products/matvec.hpp"
+#include "kernels/isa.hpp"
 
 namespace orsm::mv {
 namespace ORSM_TARGET {
 namespace {
 
-#if defined(__AVX512F__)
-constexpr int kBytes = 64;
-#elif defined(__AVX2__)
-constexpr int kBytes = 32;
-#else
-constexpr int kBytes = 16;
-#endif
+constexpr int kBytes = ORSM_TARGET_VECTOR_BYTES;
 
 template <class T, int L> struct VecOf {
     typedef T V __attribute__((vector_size(L * sizeof(T))));
