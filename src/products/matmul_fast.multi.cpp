@@ -187,6 +187,16 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
 }
 
+// One product of single matrices, everything inlined: no operand records
+// in memory, no loop over objects.
+template <Form F, class T, int n>
+[[gnu::flatten]] int one_kernel(const void* a, std::ptrdiff_t as1, const void* b,
+                                std::ptrdiff_t bs1, void* d, std::ptrdiff_t ds1) {
+    order_kernel<Group::one, F, T, Kind::C, n>(Opnd{a, 0, as1, 0}, Opnd{b, 0, bs1, 0},
+                                               Opnd{d, 0, ds1, 0}, 1);
+    return 0;
+}
+
 // Layout P over structure-of-arrays planes: lanes over L objects at once.
 // Element (r, c) of objects o..o+L-1 of an array operand is one vector
 // load from its plane; a fixed operand's element is broadcast. Orders
@@ -281,8 +291,10 @@ void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N
 template <Group G, Form F, class T> constexpr void fill_group(Table& t) {
     constexpr int g = int(G), ty = sizeof(T) == 4 ? 0 : 1;
     static_for<4>([&](auto o) {
-        t.order[g][F][ty][0][o] = &order_kernel<G, F, T, Kind::C, o + 3>;
-        if constexpr (G != Group::one) {
+        if constexpr (G == Group::one) {
+            t.one[F][ty][o] = &one_kernel<F, T, o + 3>;
+        } else {
+            t.order[g][F][ty][0][o] = &order_kernel<G, F, T, Kind::C, o + 3>;
             t.order[g][F][ty][1][o] = &order_kernel<G, F, T, Kind::L, o + 3>;
             t.soa[g - 1][F][ty][o] = &soa_kernel<G, F, T, o + 3>;
         }

@@ -153,7 +153,7 @@ template <Kind k> using KindTag = std::integral_constant<Kind, k>;
 // sizes, inner sizes, strides, shifts.
 template <Group G, Form F, Lay Y, class T, class G1, class G2, class GD>
 ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, int h2, const GD& gd,
-              int count) {
+                          int count) {
     constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
     const int M = t1 ? w1 : h1, K = t1 ? h1 : w1;
     const int N = t2 ? h2 : w2, K2 = t2 ? w2 : h2;
@@ -190,7 +190,9 @@ ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, in
     // structure-of-arrays planes that do not meet.
     bool contiguous = false;
     if constexpr (Y != Lay::P) contiguous = all_contiguous<T>(g1.s2, g2.s2, gd.s2);
-    if (contiguous && M == K && K == N && M >= 3 && M <= 6) {
+    // (The single products of layout S reach this frame only when they are
+    // not the target's to run: see matmul_table.hpp.)
+    if (G != Group::one && contiguous && M == K && K == N && M >= 3 && M <= 6) {
         constexpr Paths pc = paths(G, F, ty, contig);
         constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
         if ((orders >> M) & 1u) {
@@ -232,6 +234,40 @@ ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, in
     }
 }
 
+// A single product of layout S is the call whose price is the call itself:
+// when every check passes, all rows are contiguous and the order has an
+// unrolled path, the entry point jumps to the running target's kernel with
+// the operands in registers. Anything else (a fault included) goes on, with
+// the entry point's own arguments, to the whole frame, which checks in order.
+#define ORSM_MM_ONE_PARAMS(T)                                                          \
+    const T *src1, int src1Stride1, int src1Stride2, int src1Width, int src1Height,    \
+        const T *src2, int src2Stride1, int src2Stride2, int src2Width, int src2Height, \
+        T *dst, int dstStride1, int dstStride2
+#define ORSM_MM_ONE_ARGS                                                                 \
+    src1, src1Stride1, src1Stride2, src1Width, src1Height, src2, src2Stride1, src2Stride2, \
+        src2Width, src2Height, dst, dstStride1, dstStride2
+
+template <Form F, class T> [[gnu::noinline]] OrsStatus mul_one_frame(ORSM_MM_ONE_PARAMS(T)) {
+    return mul<Group::one, F, Lay::S, T>(
+        S1<const T>{src1, src1Stride1, src1Stride2}, src1Width, src1Height,
+        S1<const T>{src2, src2Stride1, src2Stride2}, src2Width, src2Height,
+        S1<T>{dst, dstStride1, dstStride2}, 1);
+}
+template <Form F, class T> ORSM_INLINE OrsStatus mul_one(ORSM_MM_ONE_PARAMS(T)) {
+    constexpr Type ty = sizeof(T) == 4 ? f32 : f64;
+    constexpr Paths pc = paths(Group::one, F, ty, Kind::C);
+    constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
+    constexpr int E = esize<T>, mask = Elem<T>::mask;
+    const int n = src1Width;
+    if (unsigned(n - 3) <= 3u && ((orders >> n) & 1u) && src1Height == n && src2Width == n &&
+        src2Height == n && src1Stride2 == E && src2Stride2 == E && dstStride2 == E &&
+        src1Stride1 > 0 && src2Stride1 > 0 && dstStride1 > 0 &&
+        ((src1Stride1 | src2Stride1 | dstStride1) & mask) == 0 && src1 && src2 && dst)
+        return isa::select(matmul_tables).one[F][ty][n - 3](src1, src1Stride1, src2, src2Stride1,
+                                                            dst, dstStride1);
+    return mul_one_frame<F, T>(ORSM_MM_ONE_ARGS);
+}
+
 }  // namespace orsm::matmul
 
 // The entry points of one form group (ORSM_MM_ONE, ORSM_MM_MAM, ORSM_MM_MMA,
@@ -269,7 +305,10 @@ ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, in
 // One form in its layouts, by group: single matrices (S, P), array by fixed,
 // fixed by array, array by array (S, P, L).
 #define ORSM_MM_ONE(T, t, nm, F)                                         \
-    ORSM_MM_ENTRY(orsmMul_##nm##_##t, one, F, S, T, S1, S1, S1, one)     \
+    extern "C" ORSM_API OrsStatus orsmMul_##nm##_##t(ORSM_MM_ONE_PARAMS(T)) { \
+        using namespace ::orsm::matmul;                                  \
+        return mul_one<F, T>(ORSM_MM_ONE_ARGS);                          \
+    }                                                                    \
     ORSM_MM_ENTRY(orsmMul_##nm##_##t##_P, one, F, P, T, P1, P1, P1, one)
 #define ORSM_MM_MAM(T, t, nm, F)                                         \
     ORSM_MM_ENTRY(orsmMul_##nm##_##t, mam, F, S, T, SM, S1, SM, arr)     \

@@ -4,3 +4,4 @@
 #define X(T, t) ORSM_MM_FORMS(ORSM_MM_ONE, T, t, mm, tm, mt, tt)
 ORSM_FOR_TYPES(X)
 #undef X
+

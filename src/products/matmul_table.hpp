@@ -29,12 +29,20 @@ struct Opnd {
 };
 
 using Kernel = void (*)(const Opnd& a, const Opnd& b, const Opnd& d, int count);
+// A single object of layout S with contiguous rows: operands by their first
+// element and row stride, in registers; returns StatusOk so that the entry
+// point hands over with a jump.
+using OneKernel = int (*)(const void* a, std::ptrdiff_t as1, const void* b, std::ptrdiff_t bs1,
+                          void* d, std::ptrdiff_t ds1);
 using SoaKernel = void (*)(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N,
                            int count);
 
 struct Table {
     // [group][form][type][kind: contiguous S, contiguous L][order - 3]
+    // (the single products of layout S have `one_*` instead)
     Kernel order[4][4][2][2][4];
+    // [form][type][order - 3]
+    OneKernel one[4][2][4];
     // [group mam, mma, mama][form][type][order - 3, or 4: the general loop]
     SoaKernel soa[3][4][2][5];
 };
