@@ -135,7 +135,7 @@ TEST(Dispatcher, OneFailingShareAmongSuccessesDecides) {
             // first object of member `failing` by the chunk/rem split
             const int chunk = count / T, rem = count % T;
             const int f0 = failing < rem ? failing * (chunk + 1) : failing * chunk + rem;
-            for (int rep = 0; rep < 20; ++rep) {
+            for (int rep = 0; rep < 10; ++rep) {
                 std::atomic<int> shares{0};
                 const OrsStatus st = parallel_form(count, [&](int first, int) {
                     ++shares;
@@ -164,7 +164,7 @@ TEST(Dispatcher, ConcurrentCallsKeepTheirOwnStatus) {
     std::vector<std::thread> callers;
     for (OrsStatus w : want)
         callers.emplace_back([w, &wrong] {
-            for (int rep = 0; rep < 50; ++rep) {
+            for (int rep = 0; rep < 20; ++rep) {
                 const OrsStatus st = parallel_form(10, [w](int first, int) { return first == 0 ? w : StatusOk; });
                 if (st != w) ++wrong;
             }
