@@ -6,9 +6,9 @@
 #   OMP_WAIT_POLICY   passed through as the caller has it, unset by default:
 #                     the 2-thread rows then show what a program gets from
 #                     the runtime's default (members spin a while after a
-#                     region, then sleep), a team of 2 costing about 1.5 us.
+#                     region, then sleep), a team of 2 costing 0.6 to 1.5 us.
 #                     passive makes every call wake a sleeping member and
-#                     wait to be woken, 10 us and more, which no caller gets
+#                     wait to be woken, 7 us and more, which no caller gets
 #                     unless it asks. On an oversubscribed machine a spinning
 #                     member can hold a call for a scheduler slice: compare
 #                     the threads section's best samples, or set passive.
