@@ -53,12 +53,12 @@ struct Options {
 };
 Options opt;
 
-const char* const kSections[] = {"machine", "products", "soa", "single", "add", "transpose"};
+const char* const kSections[] = {"machine", "products", "soa", "single", "add", "transpose", "threads"};
 
 void usage() {
     std::printf(
         "usage: orsm_bench [--quick] [--only SECTION[,SECTION...]] [--large N] [--samples K]\n"
-        "sections: machine products soa single add transpose\n"
+        "sections: machine products soa single add transpose threads\n"
         "  --quick     smoke run: 100000 objects out of cache, 3 samples\n"
         "  --large N   objects of the out-of-cache cases (default 1000000)\n"
         "  --samples K samples per case (median; default 9 in cache, 5 out of cache)\n");
@@ -602,6 +602,158 @@ template <class T> void transpose_case(int n, long count) {
     run_case(cs);
 }
 
+// ---- threads: what a second thread gives above the limits ------------------------------------
+
+// One library call timed at 1 and at 2 threads, the two alternating sample
+// after sample. Both must give the reference's bits: results never depend
+// on the thread count. Medians tell what the shared machine gives now; the
+// best samples of each tell what a quiet machine would.
+struct Speedup {
+    double med1 = 0, med2 = 0;    // median microseconds per call
+    double best1 = 0, best2 = 0;  // fastest sample, microseconds per call
+    bool bits_ok = true;
+};
+
+template <class T> Speedup time_threads(long len, const std::function<void()>& reference,
+                                        const std::function<void()>& call) {
+    reference();
+    Speedup sp;
+    double t_one = 0;
+    for (int t : {1, 2}) {
+        orscoreSetNumThreads(t);
+        std::memset(buf.c<T>(), 0xff, len * sizeof(T));
+        const double t0 = now();
+        call();
+        if (t == 1) t_one = now() - t0;
+        sp.bits_ok = sp.bits_ok && compare(buf.c<T>(), buf.r<T>(), len, 0, true) == "bit=";
+        call();  // warm
+    }
+    const long reps = std::max(1L, long(std::ceil(opt.target_s / std::max(t_one, 1e-9))));
+    std::vector<double> s[2];
+    for (int k = 0; k < opt.samples_small; ++k) {
+        for (int i = 0; i < 2; ++i) {
+            const int t = 1 + (i + k) % 2;
+            orscoreSetNumThreads(t);
+            const double t0 = now();
+            for (long q = 0; q < reps; ++q) call();
+            s[t - 1].push_back((now() - t0) * 1e6 / double(reps));
+        }
+    }
+    sp.med1 = median(s[0]);
+    sp.med2 = median(s[1]);
+    sp.best1 = *std::min_element(s[0].begin(), s[0].end());
+    sp.best2 = *std::min_element(s[1].begin(), s[1].end());
+    return sp;
+}
+
+// The object count at which the speedup first reaches `target`, by
+// interpolation in log(count) between the two counts that bracket it;
+// 0 when no count reaches it, -1 when the smallest already does.
+double crossover(const std::vector<long>& counts, const std::vector<double>& ratio, double target) {
+    if (ratio[0] >= target) return -1;
+    for (size_t i = 1; i < ratio.size(); ++i) {
+        if (ratio[i] < target) continue;
+        const double x0 = std::log(double(counts[i - 1])), x1 = std::log(double(counts[i]));
+        const double f = (target - ratio[i - 1]) / (ratio[i] - ratio[i - 1]);
+        return std::exp(x0 + f * (x1 - x0));
+    }
+    return 0;
+}
+
+std::string crossover_text(const std::vector<long>& counts, const std::vector<double>& ratio, double target) {
+    const double x = crossover(counts, ratio, target);
+    char s[48];
+    if (x > 0) std::snprintf(s, sizeof s, "N ~ %.0f", x);
+    else if (x < 0) std::snprintf(s, sizeof s, "N <= %s", count_name(counts.front()).c_str());
+    else std::snprintf(s, sizeof s, "not by N=%s", count_name(counts.back()).c_str());
+    return s;
+}
+
+void print_threads_row(const std::string& name, const Speedup& sp, long count) {
+    std::printf("%-26s %9.2f %9.2f %7.2f %9.2f %9.2f %7.2f %8.2f  %s\n", name.c_str(), sp.med1, sp.med2,
+                sp.med1 / sp.med2, sp.best1, sp.best2, sp.best1 / sp.best2, 1e3 * sp.best2 / double(count),
+                sp.bits_ok ? "bit=" : "MISMATCH");
+}
+
+template <class T> void threads_for_type(const std::vector<long>& counts, double target) {
+    const auto [a, b, c, r] = operands<T>();
+    const int es = sizeof(T);
+    enum What { Mul, Add, Transpose };
+    struct Kind {
+        const char* name;
+        int n;
+        What what;
+    };
+    const Kind kinds[] = {{"mul mama 4x4", 4, Mul},  {"mul mama 6x6", 6, Mul},        {"add mama 4x4", 4, Add},
+                          {"transpose 4x4", 4, Transpose}, {"transpose 6x6", 6, Transpose}};
+    for (const Kind& k : kinds) {
+        const int n = k.n, os = n * n * es, rs = n * es;
+        auto mul = Lib<T>::mama();
+        auto add = Lib<T>::add_mama();
+        auto tra = Lib<T>::transpose();
+        const bool available = k.what == Mul ? have(mul) : k.what == Add ? have(add) : have(tra);
+        const std::string kname = std::string(k.name) + " " + tname<T>();
+        if (!available) {
+            std::printf("%-26s n/a\n", kname.c_str());
+            continue;
+        }
+        std::vector<double> med, best;
+        for (long count : counts) {
+            const int ic = int(count);
+            const long len = long(n) * n * count;
+            std::function<void()> reference, call;
+            if (k.what == Mul) {
+                reference = [=] { nofma::loop_mama(n, a, b, r, count); };
+                call = [=] { need_ok(mul(a, os, rs, es, n, n, b, os, rs, es, n, n, c, os, rs, es, ic), "orsmMul_mama"); };
+            } else if (k.what == Add) {
+                reference = [=] { nofma::loop_add(a, b, r, len); };
+                call = [=] { need_ok(add(a, os, rs, es, b, os, rs, es, c, os, rs, es, n, n, ic), "orsmAdd_mama"); };
+            } else {
+                reference = [=] { nofma::loop_transpose(n, a, r, count); };
+                call = [=] { need_ok(tra(a, os, rs, es, n, n, c, os, rs, es, ic), "orsmTranspose_ma"); };
+            }
+            const Speedup sp = time_threads<T>(len, reference, call);
+            med.push_back(sp.med1 / sp.med2);
+            best.push_back(sp.best1 / sp.best2);
+            print_threads_row(kname + " N=" + count_name(count), sp, count);
+        }
+        std::printf("%-26s %.1fx at: medians %s, best samples %s\n", "", target,
+                    crossover_text(counts, med, target).c_str(), crossover_text(counts, best, target).c_str());
+        std::fflush(stdout);
+    }
+}
+
+// The fixed cost of a team: the cheapest call that goes parallel (Add on
+// 4 by 4 matrices, W = 48 N just past its limit of 3500) at 1 and 2 threads.
+void threads_team_cost() {
+    const auto [a, b, c, r] = operands<float>();
+    const long count = 73;
+    const int es = 4, os = 16 * es, rs = 4 * es, ic = int(count);
+    auto f = Lib<float>::add_mama();
+    if (!have(f)) return;
+    const Speedup sp = time_threads<float>(
+        16 * count, [=] { nofma::loop_add(a, b, r, 16 * count); },
+        [=] { need_ok(f(a, os, rs, es, b, os, rs, es, c, os, rs, es, 4, 4, ic), "orsmAdd_mama"); });
+    print_threads_row("team: add mama 4x4 f32 N=73", sp, count);
+    std::printf("%-26s a team costs %.2f us (best samples), %.2f us (medians)\n", "", sp.best2 - sp.best1 / 2,
+                sp.med2 - sp.med1 / 2);
+}
+
+void run_threads() {
+    const double target = 1.7;
+    std::printf("\n-- threads: orsm at 2 threads against 1 (layout S, contiguous, every call above its limit)\n");
+    std::printf("%-26s %9s %9s %7s %9s %9s %7s %8s  %s\n", "case", "med 1thr", "med 2thr", "speedup", "best 1thr",
+                "best 2thr", "speedup", "ns/obj", "check");
+    std::printf("%-26s %9s %9s %7s %9s %9s %7s %8s\n", "", "us/call", "us/call", "median", "us/call", "us/call",
+                "best", "best 2thr");
+    std::printf("%s\n", std::string(106, '-').c_str());
+    threads_team_cost();
+    const std::vector<long> counts = opt.quick ? std::vector<long>{1000, 10000, 100000}
+                                               : std::vector<long>{1000, 2000, 5000, 10000, 30000, 100000};
+    threads_for_type<float>(counts, target);
+    threads_for_type<double>(counts, target);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -679,6 +831,7 @@ int main(int argc, char** argv) {
         for (long count : {opt.small, opt.large})
             for (int n = 3; n <= 6; ++n) transpose_case<double>(n, count);
     }
+    if (opt.wants("threads")) run_threads();
     orscoreSetNumThreads(threads0);
     std::printf("\ntotal %.1f s\n", now() - t_start);
     return 0;

@@ -3,8 +3,15 @@
 # orsm_bench (e.g. --quick, --only products,add). Peers that are missing are
 # installed when this runs as root with apt-get, else named and skipped.
 #   ORSM_BENCH_BUILD  build directory (default: <repo>/build-bench)
-#   OMP_WAIT_POLICY   defaults to passive here: on a machine whose cores are
-#                     shared, spinning team members starve each other
+#   OMP_WAIT_POLICY   passed through as the caller has it, unset by default:
+#                     the 2-thread rows then show what a program gets from
+#                     the runtime's default (members spin a while after a
+#                     region, then sleep), a team of 2 costing 0.6 to 1.5 us.
+#                     passive makes every call wake a sleeping member and
+#                     wait to be woken, 7 us and more, which no caller gets
+#                     unless it asks. On an oversubscribed machine a spinning
+#                     member can hold a call for a scheduler slice: compare
+#                     the threads section's best samples, or set passive.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${ORSM_BENCH_BUILD:-$root/build-bench}
@@ -27,5 +34,4 @@ fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DORSM_BUILD_BENCH=ON \
       -DORSM_BUILD_TESTS=OFF -DORSM_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)" --target orsm_bench >/dev/null
-export OMP_WAIT_POLICY=${OMP_WAIT_POLICY:-passive}
 exec "$build/bench/orsm_bench" "$@"

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "common/checks.hpp"
@@ -121,6 +122,55 @@ TEST(Dispatcher, AFailureInOneShareLeavesTheOthersRunning) {
         return first == 0 ? StatusSingular : StatusNotConverged;
     });
     EXPECT_TRUE(st2 == StatusSingular || st2 == StatusNotConverged);
+}
+
+// Successes take no lock, so a failure has to win over any number of members
+// that succeed, in whichever order they finish, at every team size and with
+// or without workspace.
+TEST(Dispatcher, OneFailingShareAmongSuccessesDecides) {
+    for (int T : {2, 3, 4}) {
+        ThreadCount tc(T);
+        for (int failing = 0; failing < T; ++failing) {
+            const int count = 4 * T + 1;
+            // first object of member `failing` by the chunk/rem split
+            const int chunk = count / T, rem = count % T;
+            const int f0 = failing < rem ? failing * (chunk + 1) : failing * chunk + rem;
+            for (int rep = 0; rep < 10; ++rep) {
+                std::atomic<int> shares{0};
+                const OrsStatus st = parallel_form(count, [&](int first, int) {
+                    ++shares;
+                    return first == f0 ? StatusDivideByZero : StatusOk;
+                });
+                ASSERT_EQ(st, StatusDivideByZero) << "T " << T << " failing member " << failing;
+                ASSERT_EQ(shares.load(), T);
+                float caller[2];
+                const OrsStatus sw = parallel_form_ws(count, 2, caller, [&](int first, int, float* ws) {
+                    ws[0] = ws[1] = float(first);
+                    return first == f0 ? StatusNotConverged : StatusOk;
+                });
+                ASSERT_EQ(sw, StatusNotConverged);
+            }
+        }
+        EXPECT_EQ(parallel_form(3 * T, [](int, int) { return StatusOk; }), StatusOk);
+    }
+}
+
+// Calls may run at once from several threads of the caller: each call's
+// status is its own, never another call's failure.
+TEST(Dispatcher, ConcurrentCallsKeepTheirOwnStatus) {
+    ThreadCount tc(2);
+    const OrsStatus want[] = {StatusOk, StatusSingular, StatusOk, StatusNotPositiveDefinite};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> callers;
+    for (OrsStatus w : want)
+        callers.emplace_back([w, &wrong] {
+            for (int rep = 0; rep < 20; ++rep) {
+                const OrsStatus st = parallel_form(10, [w](int first, int) { return first == 0 ? w : StatusOk; });
+                if (st != w) ++wrong;
+            }
+        });
+    for (auto& c : callers) c.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(Dispatcher, WorkspaceGivesEachMemberItsOwnPart) {

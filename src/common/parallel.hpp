@@ -11,7 +11,15 @@
 //     and each member runs exactly its own share. A serialized or smaller
 //     team therefore processes only the shares of the members it has.
 //   - statuses merge under the runtime's unnamed critical section: the first
-//     member to arrive with a failure decides, later ones are dropped.
+//     member to arrive with a failure decides, later ones are dropped. A
+//     member that succeeded would only store zero over zero, so it leaves
+//     the lock alone: the success path of a team takes no lock and writes
+//     no shared line.
+//
+// A fork and join cost about a microsecond when the runtime's members are
+// still spinning from the previous region and 7 us and more when they have
+// to be woken; the team adds next to nothing to that. The limits keep the
+// smallest calls from it.
 #pragma once
 
 #include <omp.h>
@@ -49,9 +57,11 @@ template <class Member> OrsStatus team(int T, int count, Member&& member) {
         const int first = t < rem ? t * (chunk + 1) : t * chunk + rem;
         const int k = t < rem ? chunk + 1 : chunk;
         const OrsStatus st = member(t, first, k);
+        if (st != StatusOk) {
 #pragma omp critical
-        {
-            if (status == StatusOk) status = st;
+            {
+                if (status == StatusOk) status = st;
+            }
         }
     }
     return status;
