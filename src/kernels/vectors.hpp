@@ -9,6 +9,7 @@
 #include <immintrin.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <type_traits>
 #include <utility>
