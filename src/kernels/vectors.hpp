@@ -58,33 +58,17 @@ template <class V, class T> ORSM_INLINE void store(T* p, V v) { std::memcpy(p, &
 // weakly ordered: `stream_fence` must follow the last of them before the
 // caller can see dst.
 template <class V, class T> ORSM_INLINE void stream(T* p, V v) {
-    constexpr std::size_t b = sizeof(V);
-    if constexpr (b == 64 && sizeof(T) == 4) {
+    // The bits of the vector, whatever its element type.
+    if constexpr (sizeof(V) == 64) {
 #if defined(__AVX512F__)
-        _mm512_stream_ps(reinterpret_cast<float*>(p), reinterpret_cast<__m512>(v));
-        return;
+        return _mm512_stream_si512(reinterpret_cast<__m512i*>(p), (__m512i)v);
 #endif
-    } else if constexpr (b == 64 && sizeof(T) == 8) {
-#if defined(__AVX512F__)
-        _mm512_stream_pd(reinterpret_cast<double*>(p), reinterpret_cast<__m512d>(v));
-        return;
-#endif
-    } else if constexpr (b == 32 && sizeof(T) == 4) {
+    } else if constexpr (sizeof(V) == 32) {
 #if defined(__AVX__)
-        _mm256_stream_ps(reinterpret_cast<float*>(p), reinterpret_cast<__m256>(v));
-        return;
+        return _mm256_stream_si256(reinterpret_cast<__m256i*>(p), (__m256i)v);
 #endif
-    } else if constexpr (b == 32 && sizeof(T) == 8) {
-#if defined(__AVX__)
-        _mm256_stream_pd(reinterpret_cast<double*>(p), reinterpret_cast<__m256d>(v));
-        return;
-#endif
-    } else if constexpr (b == 16 && sizeof(T) == 4) {
-        _mm_stream_ps(reinterpret_cast<float*>(p), reinterpret_cast<__m128>(v));
-        return;
-    } else if constexpr (b == 16 && sizeof(T) == 8) {
-        _mm_stream_pd(reinterpret_cast<double*>(p), reinterpret_cast<__m128d>(v));
-        return;
+    } else if constexpr (sizeof(V) == 16) {
+        return _mm_stream_si128(reinterpret_cast<__m128i*>(p), (__m128i)v);
     }
     store(p, v);
 }
