@@ -24,6 +24,7 @@
 
 #include "common/layout.hpp"
 #include "elementwise/lines.hpp"
+#include "kernels/streaming.hpp"
 
 namespace orsm::ew {
 
@@ -64,9 +65,10 @@ template <class E> constexpr int kind<CstOp<E>> = 2;
 
 // Runs d = x op y over n elements with the run kernel that fits the kinds;
 // `xv`/`yv` are the operands as pointer or value.
+// `streamed`: dst goes past the caches (two array operands only).
 template <int Op, int KX, int KY, class T, class X, class Y>
-void run(const RunTable<T>& k, T* d, X xv, Y yv, ptrdiff_t n) {
-    if constexpr (KX == 0 && KY == 0) k.vv[Op](d, xv, yv, n);
+void run(const RunTable<T>& k, T* d, X xv, Y yv, ptrdiff_t n, bool streamed) {
+    if constexpr (KX == 0 && KY == 0) (streamed ? k.vv_streamed[Op] : k.vv[Op])(d, xv, yv, n);
     else if constexpr (KX == 0) k.vs[Op](d, xv, yv, n);
     else k.sv[Op](d, xv, yv, n);
 }
@@ -130,9 +132,10 @@ bool planes_path(const PAcc<T>& d, const A& a, const B& b, int w, int h, int cou
     if (!source_clear(a) || !source_clear(b)) return false;
 
     const RunTable<T>& k = runs<T>();
+    const bool streamed = E * long(len) >= streaming::min_bytes();
     for (int r = 0; r < h; ++r)
         for (int c = 0; c < w; ++c)
-            run<Op, kind<A>, kind<B>>(k, &d(0, r, c), plane(a, r, c), plane(b, r, c), count);
+            run<Op, kind<A>, kind<B>>(k, &d(0, r, c), plane(a, r, c), plane(b, r, c), count, streamed);
     return true;
 }
 
@@ -206,7 +209,9 @@ bool flat_path(const SAcc<T, true>& d, const A& a, const B& b, int w, int h, int
         const RunTable<T>& k = runs<T>();
         if constexpr (kind<A> == 0 && kind<B> == 1) k.vp[Op](d.base, a.acc.base, pat, int(E), total);
         else if constexpr (kind<A> == 1 && kind<B> == 0) k.pv[Op](d.base, pat, b.acc.base, int(E), total);
-        else if constexpr (kind<A> == 0 && kind<B> == 0) k.vv[Op](d.base, a.acc.base, b.acc.base, total);
+        else if constexpr (kind<A> == 0 && kind<B> == 0)
+            (long(hi - lo) >= streaming::min_bytes() ? k.vv_streamed[Op] : k.vv[Op])(d.base, a.acc.base,
+                                                                                   b.acc.base, total);
         else if constexpr (kind<A> == 0) k.vs[Op](d.base, a.acc.base, b.value, total);
         else k.sv[Op](d.base, a.value, b.acc.base, total);
         return true;

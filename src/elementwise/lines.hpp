@@ -25,6 +25,9 @@ template <class T> struct RunTable {
     void (*sv[kOps])(T* d, T a, const T* b, ptrdiff_t n);
     void (*vp[kOps])(T* d, const T* a, const T* pat, int period, ptrdiff_t n);
     void (*pv[kOps])(T* d, const T* pat, const T* b, int period, ptrdiff_t n);
+    // vv storing dst past the caches, for a dst beyond them
+    // (kernels/streaming.hpp); the same values as vv.
+    void (*vv_streamed[kOps])(T* d, const T* a, const T* b, ptrdiff_t n);
 };
 struct Runs {
     RunTable<float> f32;

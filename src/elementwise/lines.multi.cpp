@@ -7,24 +7,18 @@
 // pointer of a source. The lanes run over independent elements: each one is
 // the single IEEE operation of the scalar code, so every target gives the
 // same bits.
-#include <cstring>
-#include <utility>
-
 #include "elementwise/lines.hpp"
-#include "kernels/isa.hpp"
-
-// The wide vectors below never cross a call (every helper is inlined), so
-// the note on their calling convention under narrower targets does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
+#include "kernels/vectors.hpp"
 
 namespace orsm::ew {
 namespace ORSM_TARGET {
 namespace {
 
-constexpr int kBytes = ORSM_TARGET_VECTOR_BYTES;
+namespace vx = ::orsm::vec::ORSM_TARGET;
+using vx::kBytes;
 
 template <class T, int Bytes> struct Wide {
-    typedef T V __attribute__((vector_size(Bytes)));
+    using V = vx::Vec<T, Bytes / int(sizeof(T))>;
     static constexpr int lanes = Bytes / int(sizeof(T));
 };
 
@@ -35,23 +29,14 @@ template <int Op, class X> ORSM_INLINE X apply(X a, X b) {
 }
 
 // Element or chunk i of an operand: a pointer, or a scalar for every lane.
-template <class V, class T> ORSM_INLINE V chunk(const T* p, ptrdiff_t i) {
-    V v;
-    std::memcpy(&v, p + i, sizeof v);
-    return v;
-}
-template <class V, class T, std::size_t... K> ORSM_INLINE V splat(T s, std::index_sequence<K...>) {
-    return V{((void)K, s)...};
-}
-template <class V, class T> ORSM_INLINE V chunk(T s, ptrdiff_t) {
-    return splat<V>(s, std::make_index_sequence<sizeof(V) / sizeof(T)>());
-}
+template <class V, class T> ORSM_INLINE V chunk(const T* p, ptrdiff_t i) { return vx::load<V>(p + i); }
+template <class V, class T> ORSM_INLINE V chunk(T s, ptrdiff_t) { return vx::splat<V>(s); }
 template <class T> ORSM_INLINE T one(const T* p, ptrdiff_t i) { return p[i]; }
 template <class T> ORSM_INLINE T one(T s, ptrdiff_t) { return s; }
 
 // Runs longer than this stream through memory, where 16-byte loads and
 // stores go faster than wider ones on the machines measured.
-constexpr ptrdiff_t kStreamBytes = 1 << 18;
+constexpr ptrdiff_t kLongRunBytes = 1 << 18;
 
 template <int Op, int Bytes, class T, class X, class Y> ORSM_INLINE void run(T* d, X x, Y y, ptrdiff_t n) {
     using WN = Wide<T, Bytes>;
@@ -70,10 +55,24 @@ template <int Op, int Bytes, class T, class X, class Y> ORSM_INLINE void run(T* 
 }
 
 template <int Op, class T, class X, class Y> void run_any(T* d, X x, Y y, ptrdiff_t n) {
-    if (n * ptrdiff_t(sizeof(T)) > kStreamBytes) run<Op, 16>(d, x, y, n);
+    if (n * ptrdiff_t(sizeof(T)) > kLongRunBytes) run<Op, 16>(d, x, y, n);
     else run<Op, kBytes>(d, x, y, n);
 }
 template <int Op, class T> void vv(T* d, const T* a, const T* b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
+// Streaming stores from the first element of d aligned to the widest
+// vector; those before it and the last partial chunk by plain stores.
+template <int Op, class T> void vv_streamed(T* d, const T* a, const T* b, ptrdiff_t n) {
+    using V = typename Wide<T, kBytes>::V;
+    constexpr ptrdiff_t lanes = Wide<T, kBytes>::lanes;
+    const std::uintptr_t at = reinterpret_cast<std::uintptr_t>(d);
+    if (at % sizeof(T) != 0) return run<Op, kBytes>(d, a, b, n);
+    ptrdiff_t i = ptrdiff_t((kBytes - at % kBytes) % kBytes / sizeof(T));
+    if (i > n) i = n;
+    run<Op, kBytes>(d, a, b, i);
+    for (; i + lanes <= n; i += lanes) vx::stream(d + i, apply<Op>(chunk<V, T>(a, i), chunk<V, T>(b, i)));
+    run<Op, kBytes>(d + i, a + i, b + i, n - i);
+    vx::stream_fence();
+}
 template <int Op, class T> void vs(T* d, const T* a, T b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
 template <int Op, class T> void sv(T* d, T a, const T* b, ptrdiff_t n) { run_any<Op>(d, a, b, n); }
 
@@ -104,7 +103,7 @@ void pattern(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
 }
 template <int Op, bool PatFirst, class T>
 void pattern_any(T* d, const T* v, const T* pat, int period, ptrdiff_t n) {
-    if (n * ptrdiff_t(sizeof(T)) > kStreamBytes) pattern<Op, PatFirst, 16>(d, v, pat, period, n);
+    if (n * ptrdiff_t(sizeof(T)) > kLongRunBytes) pattern<Op, PatFirst, 16>(d, v, pat, period, n);
     else pattern<Op, PatFirst, kBytes>(d, v, pat, period, n);
 }
 template <int Op, class T> void vp(T* d, const T* a, const T* pat, int period, ptrdiff_t n) {
@@ -119,7 +118,8 @@ template <class T> constexpr RunTable<T> table() {
             {&vs<opAdd, T>, &vs<opSub, T>, &vs<opMul, T>},
             {&sv<opAdd, T>, &sv<opSub, T>, &sv<opMul, T>},
             {&vp<opAdd, T>, &vp<opSub, T>, &vp<opMul, T>},
-            {&pv<opAdd, T>, &pv<opSub, T>, &pv<opMul, T>}};
+            {&pv<opAdd, T>, &pv<opSub, T>, &pv<opMul, T>},
+            {&vv_streamed<opAdd, T>, &vv_streamed<opSub, T>, &vv_streamed<opMul, T>}};
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 
 #include "products/matmul_kernels.hpp"
 #include "products/matmul_table.hpp"
+#include "kernels/vectors.hpp"
 
 #if defined(__AVX512F__) && defined(__AVX512VL__) && defined(__AVX512DQ__)
 // The intrinsics' unmasked forms pass an undefined vector as their merge
@@ -205,68 +206,127 @@ template <Form F, class T, int n>
 // the baseline general loop, whose accumulator is dst itself, since dst
 // shares no byte with a source (the frame has tested it). The planes of
 // op(src1), op(src2) and dst are looked up once per call, in logical order.
-template <class V, class T, std::size_t... I>
-ORSM_INLINE V splat(T x, std::index_sequence<I...>) {
-    return V{((void)I, x)...};
-}
-template <int L, class T> ORSM_INLINE vec_of<T, L> lanes_at(const T* plane, int o) {
-    vec_of<T, L> v;
-    std::memcpy(&v, plane + o, sizeof v);
-    return v;
-}
-// Element e of a logical operand for objects o..o+L-1: its plane, or the
-// fixed value.
+//
+// Objects go in blocks of the widest vector. A last partial block is done
+// again whole, ending at the last object, and a call of fewer objects than
+// lanes takes the widest vector it fills the same way: as no source meets
+// dst, an object computed twice stores the same bits twice.
+//
+// A call that writes more dst than the streaming limit stores it with
+// streaming stores from the first object at which every dst plane is
+// aligned to the vector (they must all share that alignment), and fetches
+// each source plane a few blocks ahead: with one stream per plane, up to
+// 108, the processor's own prefetchers lose track of them.
+namespace vx = ::orsm::vec::ORSM_TARGET;
+
+// Bytes ahead of the current block at which the source planes are fetched,
+// into the second-level cache: fetched into the first, the lines of so many
+// planes crowd its few ways per set and evict one another before they are
+// read (measured on AVX-512 with 27 to 108 planes: 4 lines ahead best, 2 or
+// 8 slower, into the first-level cache half as fast).
+constexpr int kFetchAhead = 256;
+
 template <int L, bool array, class T> struct Planes {
     const T* const* p;
     const T* v;
-    ORSM_INLINE vec_of<T, L> operator()(int e, int o) const {
+    ORSM_INLINE vx::Vec<T, L> operator()(int e, int o) const {
         if constexpr (array)
-            return lanes_at<L, T>(p[e], o);
+            return vx::load<vx::Vec<T, L>>(p[e] + o);
         else
-            return splat<vec_of<T, L>>(v[e], std::make_index_sequence<L>{});
+            return vx::splat<vx::Vec<T, L>>(v[e]);
+    }
+    ORSM_INLINE void fetch(int entries, int o) const {
+        if constexpr (array)
+            for (int e = 0; e < entries; ++e)
+                __builtin_prefetch(reinterpret_cast<const char*>(p[e] + o) + kFetchAhead, 0, 2);
     }
 };
 
-template <int L, int n, bool a1, bool a2, class T>
-ORSM_INLINE void soa_block(const T* const* pa, const T* va, const T* const* pb, const T* vb,
-                           T* const* pd, int o, int M, int K, int N) {
-    using V = vec_of<T, L>;
-    const Planes<L, a1, T> A{pa, va};
-    const Planes<L, a2, T> B{pb, vb};
-    if constexpr (n > 0) {
-        V bv[n][n];
-        ORSM_UNROLL for (int k = 0; k < n; ++k) ORSM_UNROLL for (int j = 0; j < n; ++j) bv[k][j] = B(k * n + j, o);
-        ORSM_UNROLL for (int i = 0; i < n; ++i) {
-            V av[n];
-            ORSM_UNROLL for (int k = 0; k < n; ++k) av[k] = A(i * n + k, o);
-            ORSM_UNROLL for (int j = 0; j < n; ++j) {
-                V s = av[0] * bv[0][j];
-                ORSM_UNROLL for (int k = 1; k < n; ++k) s = s + av[k] * bv[k][j];
-                std::memcpy(pd[i * n + j] + o, &s, sizeof s);
-            }
+// One call's planes (arrays) or values (fixed operands) of op(src1),
+// op(src2) and dst in logical row-major order; shapes are at most 8 by 8.
+template <int n, bool a1, bool a2, class T> struct SoaCall {
+    const T* pa[64];
+    const T* pb[64];
+    T* pd[64];
+    T va[64], vb[64];
+    int M, K, N;
+
+    // Objects o..o+L-1; `streamed`: dst by streaming stores (o aligned).
+    template <int L, bool streamed> ORSM_INLINE void block(int o) const {
+        using V = vx::Vec<T, L>;
+        const Planes<L, a1, T> A{pa, va};
+        const Planes<L, a2, T> B{pb, vb};
+        auto put = [&](int e, V s) {
+            if constexpr (streamed)
+                vx::stream(pd[e] + o, s);
+            else
+                vx::store(pd[e] + o, s);
+        };
+        if constexpr (streamed) {
+            A.fetch(M * K, o);
+            B.fetch(K * N, o);
         }
-    } else {
-        for (int i = 0; i < M; ++i)
-            for (int j = 0; j < N; ++j) {
-                V s = V{} + A(i * K, o) * B(j, o);
-                for (int k = 1; k < K; ++k) s = s + A(i * K + k, o) * B(k * N + j, o);
-                std::memcpy(pd[i * N + j] + o, &s, sizeof s);
+        if constexpr (n > 0) {
+            V bv[n][n];
+            ORSM_UNROLL for (int k = 0; k < n; ++k) ORSM_UNROLL for (int j = 0; j < n; ++j) bv[k][j] = B(k * n + j, o);
+            ORSM_UNROLL for (int i = 0; i < n; ++i) {
+                V av[n];
+                ORSM_UNROLL for (int k = 0; k < n; ++k) av[k] = A(i * n + k, o);
+                ORSM_UNROLL for (int j = 0; j < n; ++j) {
+                    V s = av[0] * bv[0][j];
+                    ORSM_UNROLL for (int k = 1; k < n; ++k) s = s + av[k] * bv[k][j];
+                    put(i * n + j, s);
+                }
             }
+        } else {
+            for (int i = 0; i < M; ++i)
+                for (int j = 0; j < N; ++j) {
+                    V s = V{} + A(i * K, o) * B(j, o);
+                    for (int k = 1; k < K; ++k) s = s + A(i * K + k, o) * B(k * N + j, o);
+                    put(i * N + j, s);
+                }
+        }
     }
-}
+    // Objects o..end-1 (at least L of them) in blocks of L, the last one
+    // ending at end.
+    template <int L> ORSM_INLINE void blocks(int o, int end) const {
+        for (; o + L <= end; o += L) block<L, false>(o);
+        if (o < end) block<L, false>(end - L);
+    }
+    // Fewer objects than L: the widest vector they fill.
+    template <int L> void few(int count) const {
+        if constexpr (L > 1)
+            if (count < L) return few<L / 2>(count);
+        blocks<L>(0, count);
+    }
+    // Streaming stores, if dst is large and its planes share an alignment;
+    // returns false, having written nothing, otherwise.
+    template <int W> bool streamed(int count) const {
+        constexpr std::uintptr_t bytes = W * sizeof(T);
+        if (long(M) * N * count * long(sizeof(T)) < streaming::min_bytes()) return false;
+        const std::uintptr_t mis = reinterpret_cast<std::uintptr_t>(pd[0]) % bytes;
+        if (mis % sizeof(T) != 0) return false;
+        for (int e = 1; e < M * N; ++e)
+            if (reinterpret_cast<std::uintptr_t>(pd[e]) % bytes != mis) return false;
+        const int head = int((bytes - mis) % bytes / sizeof(T));
+        if (count < head + W) return false;
+        if (head > 0) block<W, false>(0);
+        int o = head;
+        for (; o + W <= count; o += W) block<W, true>(o);
+        if (o < count) block<W, false>(count - W);
+        vx::stream_fence();
+        return true;
+    }
+};
 
 template <Group G, Form F, class T, int n>
 void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N, int count) {
     constexpr bool t1 = (F & 1) != 0, t2 = (F & 2) != 0;
     constexpr bool a1 = array1(G), a2 = array2(G);
-    constexpr int W = ORSM_VECTOR_BYTES / int(sizeof(T));
+    constexpr int W = vx::kLanes<T>;
     if constexpr (n > 0) M = K = N = n;
-    // Planes (arrays) or values (fixed operands) in logical row-major
-    // order; shapes are at most 8 by 8.
-    const T* pa[64];
-    const T* pb[64];
-    T* pd[64];
-    T va[64], vb[64];
+    SoaCall<n, a1, a2, T> c;
+    c.M = M, c.K = K, c.N = N;
     const auto A = op_of<t1>(table_of<const T>(a));
     const auto B = op_of<t2>(table_of<const T>(b));
     const auto D = table_of<T>(d);
@@ -279,13 +339,13 @@ void soa_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int M, int K, int N
                     v[r * C + c] = X(0, r, c);
             }
     };
-    look_up(A, M, K, std::bool_constant<a1>{}, pa, va);
-    look_up(B, K, N, std::bool_constant<a2>{}, pb, vb);
+    look_up(A, M, K, std::bool_constant<a1>{}, c.pa, c.va);
+    look_up(B, K, N, std::bool_constant<a2>{}, c.pb, c.vb);
     for (int i = 0; i < M; ++i)
-        for (int j = 0; j < N; ++j) pd[i * N + j] = &D(0, i, j);
-    int o = 0;
-    for (; o + W <= count; o += W) soa_block<W, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
-    for (; o < count; ++o) soa_block<1, n, a1, a2, T>(pa, va, pb, vb, pd, o, M, K, N);
+        for (int j = 0; j < N; ++j) c.pd[i * N + j] = &D(0, i, j);
+    if (count < W) return c.template few<W / 2>(count);
+    if (c.template streamed<W>(count)) return;
+    c.template blocks<W>(0, count);
 }
 
 template <Group G, Form F, class T> constexpr void fill_group(Table& t) {

@@ -5,43 +5,16 @@
 // Lanes never run over the summation index k: a rows kernel's lane i sums
 // row i, an SoA kernel's lane sums one object, each by the tree its scalar
 // kernel uses, one rounded product and one rounded addition per step.
-// The wide vectors below never cross a call (every helper is inlined, the
-// shared tree_sum too), so the note on their calling convention under
-// narrower targets does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
-#include <immintrin.h>
-
-#include <cstring>
-#include <utility>
-
+// The shared tree_sum is inlined like every helper here.
 #include "products/matvec.hpp"
-#include "kernels/isa.hpp"
+#include "kernels/vectors.hpp"
 
 namespace orsm::mv {
 namespace ORSM_TARGET {
 namespace {
 
-constexpr int kBytes = ORSM_TARGET_VECTOR_BYTES;
-
-template <class T, int L> struct VecOf {
-    typedef T V __attribute__((vector_size(L * sizeof(T))));
-};
-template <class T, int L> using Vec = typename VecOf<T, L>::V;
-
-template <class V, class T, std::size_t... I> ORSM_INLINE V splat(T s, std::index_sequence<I...>) {
-    return V{((void)I, s)...};
-}
-template <class V, class T> ORSM_INLINE V splat(T s) {
-    if constexpr (sizeof(V) == sizeof(T)) return s;
-    else return splat<V>(s, std::make_index_sequence<sizeof(V) / sizeof(T)>());
-}
-template <class V, class T> ORSM_INLINE V load(const T* p) {
-    V v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-template <class V, class T> ORSM_INLINE void store(T* p, V v) { std::memcpy(p, &v, sizeof v); }
+namespace vx = ::orsm::vec::ORSM_TARGET;
+using vx::kBytes, vx::Vec, vx::splat, vx::load, vx::store;
 
 // ---- rows kernels: lane i is row i --------------------------------------
 
