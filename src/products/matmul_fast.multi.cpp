@@ -166,29 +166,42 @@ ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
 }
 
 // Orders 5 and 6, 64f: a row of dst in one zmm (n of its 8 lanes), the
-// rows of op(src2) loaded masked, each op(src1)(i, k) broadcast by the
+// rows of op(src2) in zmm registers, each op(src1)(i, k) broadcast by the
 // multiply itself from memory: no broadcast or shuffle instruction beside
 // the multiplies and adds (a broadcast used by two ymm halves of a row costs
 // a uop of its own). One object at a time and row by row, like the baseline:
 // op(src2) is read whole first, each row of op(src1) just before its row of
 // dst is stored, so any overlap of dst with a source gives the baseline's
 // bits. op(src2) must not be transposed.
+// An array src2 whose rows lie at most a vector apart (and at least the
+// vector's overhang) has its rows but the last loaded whole: the 8 elements
+// then end inside the next row, and the loads are cheaper than masked ones;
+// the extra lanes are computed and never stored.
 template <int n, Fixed F, class A, class B, class D>
-ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count) {
+ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count, std::ptrdiff_t bs1) {
     constexpr __mmask8 m = (1u << n) - 1;
-    __m512d bk[n];
-    auto fetch_b = [&](int o) {
-        static_for<n>([&](auto k) { bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0)); });
-    };
-    each_object<F>(count, [](int) {}, fetch_b, [&](int o) {
-        static_for<n>([&](auto i) {
-            __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
-            static_for<n - 1>([&](auto k) {
-                acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k + 1)), bk[k + 1]));
+    auto run = [&]<bool whole>() {
+        __m512d bk[n];
+        auto fetch_b = [&](int o) {
+            static_for<n>([&](auto k) {
+                if constexpr (whole && k + 1 < n)
+                    bk[k] = _mm512_loadu_pd(&b(o, k, 0));
+                else
+                    bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0));
             });
-            _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
+        };
+        each_object<F>(count, [](int) {}, fetch_b, [&](int o) {
+            static_for<n>([&](auto i) {
+                __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
+                static_for<n - 1>([&](auto k) {
+                    acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k + 1)), bk[k + 1]));
+                });
+                _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
+            });
         });
-    });
+    };
+    if (F != Fixed::src2 && bs1 >= (8 - n) * 8 && bs1 <= 64) return run.template operator()<true>();
+    run.template operator()<false>();
 }
 
 // Whether a kernel that reads an object's op(src1) whole before it writes
@@ -253,7 +266,7 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
         if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
         return rows4_f32<t1, false, fx>(A, B, D, count);
     }
-    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) return rows_f64<n, fx>(op_of<t1>(A), B, D, count);
+    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) return rows_f64<n, fx>(op_of<t1>(A), B, D, count, b.s1);
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
 }
