@@ -296,6 +296,24 @@ TEST(FastPathOverlap, PlanesThatMeetKeepTheOrderOfWrites) {
     }
 }
 
+// Calls an S or L form on square operands of order n_ inside `mem`: object
+// n of operand x (0 src1, 1 src2, 2 dst) starts at element first(x, n), rows
+// s1 bytes apart; S objects s0 bytes apart, L array operands by tables.
+template <class T, class First>
+OrsStatus call_sl(const Forms<T>& f, Lay lay, std::vector<T>& mem, First first, int s0, int s1, int n_,
+                  int count) {
+    const bool array[3] = {f.g != G::mma, f.g != G::mam, true};
+    const int es = sizeof(T);
+    std::vector<const T*> tab[3];
+    Op op[3];
+    for (int x = 0; x < 3; ++x) {
+        for (int n = 0; n < count; ++n) tab[x].push_back(mem.data() + first(x, n));
+        op[x] = lay == Lay::L && array[x] ? Op{tab[x].data(), 0, s1, es, 0}
+                                          : Op{mem.data() + first(x, 0), array[x] ? s0 : 0, s1, es, 0};
+    }
+    return f.call(lay, op[0], n_, n_, op[1], n_, n_, op[2], count);
+}
+
 // S and L: objects at odd element offsets (the base one element past an
 // aligned address, odd object strides), rows packed or `gap` elements apart
 // (rows of 64f orders 5 and 6 up to 64 bytes apart are loaded whole).
@@ -313,20 +331,11 @@ template <class T> void odd_case(const Forms<T>& f, Lay lay, int n_, int gap, un
     for (int n = 0; n < count; ++n) perm[n] = n;
     if (lay == Lay::L) std::shuffle(perm.begin(), perm.end(), rng);
     auto start = [&](int base, bool array, int n) { return base + (array ? perm[n] * obj : 0); };
-    std::vector<const T*> la(count), lb(count);
-    std::vector<T*> ld(count);
-    for (int n = 0; n < count; ++n) {
-        la[n] = mem.data() + start(base_a, true, n);
-        lb[n] = mem.data() + start(base_b, true, n);
-        ld[n] = mem.data() + start(base_d, true, n);
-    }
-    const int s1 = row * es, s0 = obj * es;
-    auto op = [&](int base, bool array, const void* table) {
-        if (lay == Lay::L && array) return Op{table, 0, s1, es, 0};
-        return Op{mem.data() + base, array ? s0 : 0, s1, es, 0};
-    };
-    const Op oa = op(base_a, a1, la.data()), ob = op(base_b, a2, lb.data()), od = op(base_d, true, ld.data());
-    ASSERT_EQ(f.call(lay, oa, n_, n_, ob, n_, n_, od, count), StatusOk);
+    const int base[3] = {base_a, base_b, base_d};
+    const bool array[3] = {a1, a2, true};
+    ASSERT_EQ(call_sl(f, lay, mem, [&](int x, int n) { return start(base[x], array[x], n); }, obj * es,
+                      row * es, n_, count),
+              StatusOk);
     std::vector<T> want = before;
     for (int n = 0; n < count; ++n) {
         auto A = [&](int i, int k) {
@@ -414,20 +423,11 @@ template <class T> void meet_case(const Forms<T>& f, Lay lay, int n_, Meet meet)
                                                              j, n_);
         }
     }
-    std::vector<const T*> la(count), lb(count);
-    std::vector<T*> ld(count);
-    for (int n = 0; n < count; ++n) {
-        la[n] = mem.data() + at(base_a, true, n, 0, 0);
-        lb[n] = mem.data() + at(base_b, true, n, 0, 0);
-        ld[n] = mem.data() + at(base_d, true, n, 0, 0);
-    }
-    const int s1 = n_ * es, s0 = obj * es;
-    auto op = [&](int base, bool array, const void* table) {
-        if (lay == Lay::L && array) return Op{table, 0, s1, es, 0};
-        return Op{mem.data() + base, array ? s0 : 0, s1, es, 0};
-    };
-    const Op oa = op(base_a, a1, la.data()), ob = op(base_b, a2, lb.data()), od = op(base_d, true, ld.data());
-    ASSERT_EQ(f.call(lay, oa, n_, n_, ob, n_, n_, od, count), StatusOk);
+    const int base[3] = {base_a, base_b, base_d};
+    const bool array[3] = {a1, a2, true};
+    ASSERT_EQ(call_sl(f, lay, mem, [&](int x, int n) { return at(base[x], array[x], n, 0, 0); }, obj * es,
+                      n_ * es, n_, count),
+              StatusOk);
     for (std::size_t x = 0; x < mem.size(); ++x) ASSERT_EQ(bits(mem[x]), bits(want[x])) << "element " << x;
 }
 

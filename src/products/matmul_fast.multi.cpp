@@ -167,41 +167,39 @@ ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
 
 // Orders 5 and 6, 64f: a row of dst in one zmm (n of its 8 lanes), the
 // rows of op(src2) in zmm registers, each op(src1)(i, k) broadcast by the
-// multiply itself from memory: no broadcast or shuffle instruction beside
-// the multiplies and adds (a broadcast used by two ymm halves of a row costs
-// a uop of its own). One object at a time and row by row, like the baseline:
-// op(src2) is read whole first, each row of op(src1) just before its row of
-// dst is stored, so any overlap of dst with a source gives the baseline's
-// bits. op(src2) must not be transposed.
-// An array src2 whose rows lie at most a vector apart (and at least the
-// vector's overhang) has its rows but the last loaded whole: the 8 elements
-// then end inside the next row, and the loads are cheaper than masked ones;
+// multiply itself from memory. One object at a time and row by row, like the
+// baseline: op(src2) is read whole first, each row of op(src1) just before
+// its row of dst is stored, so any overlap of dst with a source gives the
+// baseline's bits. op(src2) must not be transposed.
+// `whole`: the rows of an array src2 lie at most a vector apart (and at
+// least the vector's overhang), so every row but the last is loaded as 8
+// whole elements that end inside the next row, cheaper than a masked load;
 // the extra lanes are computed and never stored.
-template <int n, Fixed F, class A, class B, class D>
-ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count, std::ptrdiff_t bs1) {
+// Plain loops, no lambdas: GCC leaves the body of a lambda this size out of
+// line in this unit, and the rows of op(src2) then go through the stack.
+template <int n, bool whole, class B> ORSM_INLINE void rows_of_f64(__m512d* bk, const B& b, int o) {
     constexpr __mmask8 m = (1u << n) - 1;
-    auto run = [&]<bool whole>() {
-        __m512d bk[n];
-        auto fetch_b = [&](int o) {
-            static_for<n>([&](auto k) {
-                if constexpr (whole && k + 1 < n)
-                    bk[k] = _mm512_loadu_pd(&b(o, k, 0));
-                else
-                    bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0));
-            });
-        };
-        each_object<F>(count, [](int) {}, fetch_b, [&](int o) {
-            static_for<n>([&](auto i) {
-                __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
-                static_for<n - 1>([&](auto k) {
-                    acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k + 1)), bk[k + 1]));
-                });
-                _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
-            });
-        });
-    };
-    if (F != Fixed::src2 && bs1 >= (8 - n) * 8 && bs1 <= 64) return run.template operator()<true>();
-    run.template operator()<false>();
+    ORSM_UNROLL for (int k = 0; k < n; ++k) {
+        if (whole && k + 1 < n)
+            bk[k] = _mm512_loadu_pd(&b(o, k, 0));
+        else
+            bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0));
+    }
+}
+template <int n, bool whole, Fixed F, class A, class B, class D>
+ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count) {
+    constexpr __mmask8 m = (1u << n) - 1;
+    __m512d bk[n];
+    if constexpr (F == Fixed::src2) rows_of_f64<n, false>(bk, b, 0);
+    for (int o = 0; o < count; ++o) {
+        if constexpr (F != Fixed::src2) rows_of_f64<n, whole>(bk, b, o);
+        ORSM_UNROLL for (int i = 0; i < n; ++i) {
+            __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
+            ORSM_UNROLL for (int k = 1; k < n; ++k)
+                acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k)), bk[k]));
+            _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
+        }
+    }
 }
 
 // Whether a kernel that reads an object's op(src1) whole before it writes
@@ -266,7 +264,11 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
         if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
         return rows4_f32<t1, false, fx>(A, B, D, count);
     }
-    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) return rows_f64<n, fx>(op_of<t1>(A), B, D, count, b.s1);
+    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) {
+        if (fx != Fixed::src2 && b.s1 >= (8 - n) * 8 && b.s1 <= 64)
+            return rows_f64<n, true, fx>(op_of<t1>(A), B, D, count);
+        return rows_f64<n, false, fx>(op_of<t1>(A), B, D, count);
+    }
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
 }
