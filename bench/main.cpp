@@ -413,9 +413,13 @@ void run_machine() {
         std::printf("  (out-of-cache cases sample both again in their own rounds: %%copy and %%triad use those)\n");
     const long iters = opt.quick ? 2000000 : 10000000;
     const int wide = machine::widest_vector_bytes();
-    std::printf("  arithmetic peak, 16 independent chains, GFLOP/s (widest vector with -march=native: %d bits)\n",
+    std::printf("  arithmetic peak, GFLOP/s, register-resident independent chains (widest vector with "
+                "-march=native: %d bits)\n",
                 wide * 8);
-    std::printf("    %-8s %10s %10s %10s %10s\n", "vector", "mul f32", "add f32", "mul f64", "add f64");
+    std::printf("  mul+add: multiply chains and add chains interleaved, the peak without fused operations\n");
+    std::printf("    %-8s %10s %10s %10s %10s %10s %10s\n", "vector", "mul f32", "add f32", "mul+add f32",
+                "mul f64", "add f64", "mul+add f64");
+    double best_f32 = 0, best_f64 = 0;
     for (int bytes = 16; bytes <= wide; bytes *= 2) {
         auto med = [&](double (*f)(int, long)) {
             std::vector<double> v;
@@ -423,9 +427,16 @@ void run_machine() {
             return median(v);
         };
         const double mf = med(machine::peak_mul_f32), af = med(machine::peak_add_f32);
+        const double xf = med(machine::peak_mix_f32);
         const double md = med(machine::peak_mul_f64), ad = med(machine::peak_add_f64);
-        std::printf("    %3d bits %10.1f %10.1f %10.1f %10.1f\n", bytes * 8, mf, af, md, ad);
+        const double xd = med(machine::peak_mix_f64);
+        best_f32 = std::max(best_f32, xf);
+        best_f64 = std::max(best_f64, xd);
+        std::printf("    %3d bits %10.1f %10.1f %11.1f %10.1f %10.1f %11.1f\n", bytes * 8, mf, af, xf, md, ad, xd);
     }
+    std::printf("  peak without FMA: %.1f GFLOP/s f32, %.1f GFLOP/s f64 (an order-n product, 2n^3 flops, "
+                "takes at least 2n^3/peak ns)\n",
+                best_f32, best_f64);
     std::printf("\n");
 }
 

@@ -65,12 +65,15 @@ namespace machine {
 // Seconds for one pass of each kernel over len doubles.
 double copy_pass(double* a, const double* b, long len);
 double triad_pass(double* a, const double* b, const double* c, double s, long len);
-// Register-resident chains of independent multiplies (or adds) on vectors of
-// `bytes` bytes; returns GFLOP/s (one flop per lane per operation).
+// Register-resident chains of independent multiplies, adds, or both side by
+// side (mix: the peak without fused operations) on vectors of `bytes`
+// bytes; returns GFLOP/s (one flop per lane per operation).
 double peak_mul_f32(int bytes, long iters);
 double peak_add_f32(int bytes, long iters);
+double peak_mix_f32(int bytes, long iters);
 double peak_mul_f64(int bytes, long iters);
 double peak_add_f64(int bytes, long iters);
+double peak_mix_f64(int bytes, long iters);
 int widest_vector_bytes();                  // what -march=native offers
 }  // namespace machine
 

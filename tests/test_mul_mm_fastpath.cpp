@@ -1,8 +1,9 @@
 // What the fast paths of the matrix products add, on every target (the
 // file runs once per instruction set): structure-of-arrays P operands with
-// lanes over objects, counts not a multiple of the lane count; P calls whose
-// dst overlaps a source or itself, which must keep the baseline's order of
-// writes; S and L objects at odd offsets with packed and gapped rows.
+// lanes over objects, counts not a multiple of the lane count; P, S and L
+// calls whose dst overlaps a source or itself, which must keep the
+// baseline's order of reads and writes; S and L objects at odd offsets with
+// packed and gapped rows.
 // Values are finite and non-zero, so every product sum has the bits of the
 // ascending-k reference whichever start (+0 or the first product) a kernel
 // uses; the -0 rule is test_mul_mm's.
@@ -295,11 +296,30 @@ TEST(FastPathOverlap, PlanesThatMeetKeepTheOrderOfWrites) {
     }
 }
 
+// Calls an S or L form on square operands of order n_ inside `mem`: object
+// n of operand x (0 src1, 1 src2, 2 dst) starts at element first(x, n), rows
+// s1 bytes apart; S objects s0 bytes apart, L array operands by tables.
+template <class T, class First>
+OrsStatus call_sl(const Forms<T>& f, Lay lay, std::vector<T>& mem, First first, int s0, int s1, int n_,
+                  int count) {
+    const bool array[3] = {f.g != G::mma, f.g != G::mam, true};
+    const int es = sizeof(T);
+    std::vector<const T*> tab[3];
+    Op op[3];
+    for (int x = 0; x < 3; ++x) {
+        for (int n = 0; n < count; ++n) tab[x].push_back(mem.data() + first(x, n));
+        op[x] = lay == Lay::L && array[x] ? Op{tab[x].data(), 0, s1, es, 0}
+                                          : Op{mem.data() + first(x, 0), array[x] ? s0 : 0, s1, es, 0};
+    }
+    return f.call(lay, op[0], n_, n_, op[1], n_, n_, op[2], count);
+}
+
 // S and L: objects at odd element offsets (the base one element past an
-// aligned address, odd object strides), rows packed or one element apart.
-template <class T> void odd_case(const Forms<T>& f, Lay lay, int n_, bool packed_rows, unsigned seed) {
+// aligned address, odd object strides), rows packed or `gap` elements apart
+// (rows of 64f orders 5 and 6 up to 64 bytes apart are loaded whole).
+template <class T> void odd_case(const Forms<T>& f, Lay lay, int n_, int gap, unsigned seed) {
     const bool a1 = f.g != G::mma, a2 = f.g != G::mam;
-    const int count = 37, es = sizeof(T), row = n_ + (packed_rows ? 0 : 1);
+    const int count = 37, es = sizeof(T), row = n_ + gap;
     const int obj = row * n_ + 1;  // odd object stride in elements when row * n_ is even
     std::mt19937 rng(seed);
     const int base_a = 1, base_b = base_a + count * obj + 5, base_d = base_b + count * obj + 5;
@@ -311,20 +331,11 @@ template <class T> void odd_case(const Forms<T>& f, Lay lay, int n_, bool packed
     for (int n = 0; n < count; ++n) perm[n] = n;
     if (lay == Lay::L) std::shuffle(perm.begin(), perm.end(), rng);
     auto start = [&](int base, bool array, int n) { return base + (array ? perm[n] * obj : 0); };
-    std::vector<const T*> la(count), lb(count);
-    std::vector<T*> ld(count);
-    for (int n = 0; n < count; ++n) {
-        la[n] = mem.data() + start(base_a, true, n);
-        lb[n] = mem.data() + start(base_b, true, n);
-        ld[n] = mem.data() + start(base_d, true, n);
-    }
-    const int s1 = row * es, s0 = obj * es;
-    auto op = [&](int base, bool array, const void* table) {
-        if (lay == Lay::L && array) return Op{table, 0, s1, es, 0};
-        return Op{mem.data() + base, array ? s0 : 0, s1, es, 0};
-    };
-    const Op oa = op(base_a, a1, la.data()), ob = op(base_b, a2, lb.data()), od = op(base_d, true, ld.data());
-    ASSERT_EQ(f.call(lay, oa, n_, n_, ob, n_, n_, od, count), StatusOk);
+    const int base[3] = {base_a, base_b, base_d};
+    const bool array[3] = {a1, a2, true};
+    ASSERT_EQ(call_sl(f, lay, mem, [&](int x, int n) { return start(base[x], array[x], n); }, obj * es,
+                      row * es, n_, count),
+              StatusOk);
     std::vector<T> want = before;
     for (int n = 0; n < count; ++n) {
         auto A = [&](int i, int k) {
@@ -346,10 +357,91 @@ TYPED_TEST(FastPath, OddOffsetsLayoutsSAndL) {
     for (const auto& f : forms<TypeParam>())
         for (Lay lay : {Lay::S, Lay::L})
             for (int n_ = 3; n_ <= 6; ++n_)
-                for (bool packed : {true, false}) {
+                for (int gap : {0, 1, 3}) {
                     SCOPED_TRACE(::testing::Message() << f.name << (lay == Lay::L ? "_L" : "") << " order "
-                                                      << n_ << (packed ? " packed rows" : " row gap"));
-                    odd_case(f, lay, n_, packed, ++seed);
+                                                      << n_ << " row gap " << gap);
+                    odd_case(f, lay, n_, gap, ++seed);
+                }
+}
+
+// S and L calls whose dst meets a source within each object: dst on src1
+// (in place, also with src1 transposed), dst one row past or before src1,
+// dst on the array src2. The baseline unrolled paths take one object at a
+// time, read op(src2) whole (a fixed operand once, before the first
+// object), then each row of op(src1) just before storing that row of dst;
+// the model runs those steps (or those of the general loop, where a kernel
+// has no path for the order) on a copy of the memory. L tables point at the
+// same objects as the S strides.
+enum class Meet { src1, row_past_src1, row_before_src1, src2 };
+template <class T> void meet_case(const Forms<T>& f, Lay lay, int n_, Meet meet) {
+    const bool a1 = f.g != G::mma, a2 = f.g != G::mam;
+    const int count = 9, es = sizeof(T), obj = n_ * n_ + 1;  // packed rows, odd object stride
+    const int span = count * obj + 2 * n_;
+    const int base_a = n_ + 1, base_b = base_a + span;
+    int base_d = base_b + span + n_;
+    if (meet == Meet::src1) base_d = base_a;
+    if (meet == Meet::row_past_src1) base_d = base_a + n_;
+    if (meet == Meet::row_before_src1) base_d = base_a - n_;
+    if (meet == Meet::src2) base_d = base_b;
+    std::mt19937 rng(unsigned(n_ * 31 + int(meet)));
+    std::vector<T> mem(base_b + 2 * span + 16);
+    for (T& x : mem) x = value<T>(rng);
+    std::vector<T> want = mem;
+    auto at = [&](int base, bool array, int n, int r, int c) { return base + (array ? n * obj : 0) + r * n_ + c; };
+    auto A = [&](int n, int i, int k) -> T& {
+        return want[f.form & 1 ? at(base_a, a1, n, k, i) : at(base_a, a1, n, i, k)];
+    };
+    auto B = [&](int n, int k, int j) -> T& {
+        return want[f.form & 2 ? at(base_b, a2, n, j, k) : at(base_b, a2, n, k, j)];
+    };
+    std::vector<T> bv(n_ * n_), av(n_ * n_);
+    auto fetch_b = [&](int n) {
+        for (int k = 0; k < n_; ++k)
+            for (int j = 0; j < n_; ++j) bv[k * n_ + j] = B(n, k, j);
+    };
+    if (!a1)
+        for (int i = 0; i < n_; ++i)
+            for (int k = 0; k < n_; ++k) av[i * n_ + k] = A(0, i, k);
+    // The contiguous S kernel of mat 32f runs order 4 in its general loop:
+    // each element set to +0, then stored after every product.
+    const bool general = lay == Lay::S && f.g == G::mam && f.form == 2 && sizeof(T) == 4 && n_ == 4;
+    if (!a2) fetch_b(0);
+    for (int n = 0; n < count && general; ++n)
+        for (int i = 0; i < n_; ++i)
+            for (int j = 0; j < n_; ++j) {
+                T acc = want[at(base_d, true, n, i, j)] = T(0);
+                for (int k = 0; k < n_; ++k) want[at(base_d, true, n, i, j)] = acc = acc + A(n, i, k) * B(n, k, j);
+            }
+    for (int n = 0; n < count && !general; ++n) {
+        if (a2) fetch_b(n);
+        for (int i = 0; i < n_; ++i) {
+            if (a1)
+                for (int k = 0; k < n_; ++k) av[i * n_ + k] = A(n, i, k);
+            for (int j = 0; j < n_; ++j)
+                want[at(base_d, true, n, i, j)] = ref_sum<T>([&](int r, int k) { return av[r * n_ + k]; },
+                                                             [&](int k, int c) { return bv[k * n_ + c]; }, i,
+                                                             j, n_);
+        }
+    }
+    const int base[3] = {base_a, base_b, base_d};
+    const bool array[3] = {a1, a2, true};
+    ASSERT_EQ(call_sl(f, lay, mem, [&](int x, int n) { return at(base[x], array[x], n, 0, 0); }, obj * es,
+                      n_ * es, n_, count),
+              StatusOk);
+    for (std::size_t x = 0; x < mem.size(); ++x) ASSERT_EQ(bits(mem[x]), bits(want[x])) << "element " << x;
+}
+
+TYPED_TEST(FastPath, SAndLObjectsThatMeetKeepTheOrderOfReads) {
+    const ThreadCount one(1);  // the model is of one thread
+    for (const auto& f : forms<TypeParam>())
+        for (Lay lay : {Lay::S, Lay::L})
+            for (int n_ = 3; n_ <= 6; ++n_)
+                for (Meet meet : {Meet::src1, Meet::row_past_src1, Meet::row_before_src1, Meet::src2}) {
+                    // dst meets the array operands only.
+                    if (meet == Meet::src2 ? f.g == G::mam : f.g == G::mma) continue;
+                    SCOPED_TRACE(::testing::Message() << f.name << (lay == Lay::L ? "_L" : "") << " order "
+                                                      << n_ << " meet " << int(meet));
+                    meet_case(f, lay, n_, meet);
                 }
 }
 

@@ -11,6 +11,8 @@
 // Contiguous S and L kernels work one object at a time, n ascending, and
 // read the whole of an object's operands before they write its dst, so an
 // object written in place gives the bits of the baseline kernel.
+#include <cstdint>
+
 #include "kernels/isa.hpp"
 
 #define ORSM_VECTOR_BYTES ORSM_TARGET_VECTOR_BYTES
@@ -164,6 +166,79 @@ ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
                    [&](int o) { _mm512_mask_storeu_ps(&d(o, 0, 0), m9, sum_k<3>(ak, bk)); });
 }
 
+// Orders 5 and 6, 64f: a row of dst in one zmm (n of its 8 lanes), the
+// rows of op(src2) in zmm registers, each op(src1)(i, k) broadcast by the
+// multiply itself from memory. One object at a time and row by row, like the
+// baseline: op(src2) is read whole first, each row of op(src1) just before
+// its row of dst is stored, so any overlap of dst with a source gives the
+// baseline's bits. op(src2) must not be transposed.
+// `whole`: the rows of an array src2 lie at most a vector apart (and at
+// least the vector's overhang), so every row but the last is loaded as 8
+// whole elements that end inside the next row, cheaper than a masked load;
+// the extra lanes are computed and never stored.
+// Plain loops, no lambdas: GCC leaves the body of a lambda this size out of
+// line in this unit, and the rows of op(src2) then go through the stack.
+template <int n, bool whole, class B> ORSM_INLINE void rows_of_f64(__m512d* bk, const B& b, int o) {
+    constexpr __mmask8 m = (1u << n) - 1;
+    ORSM_UNROLL for (int k = 0; k < n; ++k) {
+        if (whole && k + 1 < n)
+            bk[k] = _mm512_loadu_pd(&b(o, k, 0));
+        else
+            bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0));
+    }
+}
+template <int n, bool whole, Fixed F, class A, class B, class D>
+ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count) {
+    constexpr __mmask8 m = (1u << n) - 1;
+    __m512d bk[n];
+    if constexpr (F == Fixed::src2) rows_of_f64<n, false>(bk, b, 0);
+    for (int o = 0; o < count; ++o) {
+        if constexpr (F != Fixed::src2) rows_of_f64<n, whole>(bk, b, o);
+        ORSM_UNROLL for (int i = 0; i < n; ++i) {
+            __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
+            ORSM_UNROLL for (int k = 1; k < n; ++k)
+                acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k)), bk[k]));
+            _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
+        }
+    }
+}
+
+// Whether a kernel that reads an object's op(src1) whole before it writes
+// the object's dst gives the bits of the baseline, which reads each row of
+// op(src1) just before it stores that row of dst: when dst shares no byte
+// with the array src1, or is src1 itself (same objects, same rows that do
+// not overlap), untransposed, so that row i of dst is row i of src1. Objects
+// are still done one after another, so dst meeting another object of src1,
+// or src2 (read whole first by both), changes nothing.
+template <class T, Kind KD, bool t1>
+bool whole_src1_ok(const Opnd& a, const Opnd& d, int n, int count) {
+    const std::ptrdiff_t row = std::ptrdiff_t(n) * std::ptrdiff_t(sizeof(T));
+    if (!t1 && a.p == d.p && a.s0 == d.s0 && a.s1 == d.s1 && a.shift == d.shift && a.s1 >= row)
+        return true;
+    const std::ptrdiff_t span = (n - 1) * a.s1 + row;  // both: same n, rows of n elements
+    const std::ptrdiff_t dspan = (n - 1) * d.s1 + row;
+    auto lo_hi = [&](const Opnd& o, std::ptrdiff_t sp, std::uintptr_t& lo, std::uintptr_t& hi) {
+        if constexpr (KD == Kind::L) {
+            const auto* tab = static_cast<const char* const*>(o.p);
+            lo = UINTPTR_MAX;
+            hi = 0;
+            for (int f = 0; f < count; ++f) {
+                const auto x = std::uintptr_t(tab[f] + o.shift);
+                lo = x < lo ? x : lo;
+                hi = x > hi ? x : hi;
+            }
+            hi += std::uintptr_t(sp);
+        } else {
+            lo = std::uintptr_t(o.p);
+            hi = lo + std::uintptr_t(std::ptrdiff_t(count - 1) * o.s0 + sp);
+        }
+    };
+    std::uintptr_t alo, ahi, dlo, dhi;
+    lo_hi(a, span, alo, ahi);
+    lo_hi(d, dspan, dlo, dhi);
+    return ahi <= dlo || dhi <= alo;
+}
+
 #endif
 
 // One unrolled order of a contiguous S or L kernel.
@@ -175,6 +250,12 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
     const auto B = acc_of<const T, KD, array2(G)>(b);
     const auto D = acc_of<T, KD, G != Group::one>(d);
 #if ORSM_MM_WIDE
+    // The 32f kernels read op(src1) of an object whole.
+    constexpr bool whole = sizeof(T) == 4 && (n == 3 || (n == 4 && !t2));
+    if constexpr (whole && fx != Fixed::src1) {
+        if (!whole_src1_ok<T, KD, t1>(a, d, n, count))
+            return order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
+    }
     if constexpr (n == 3 && sizeof(T) == 4) {
         // Packed objects: the whole object in one register.
         if (a.s1 == 12 && b.s1 == 12 && d.s1 == 12) return packed3_f32<t1, t2, fx>(A, B, D, count);
@@ -183,6 +264,11 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
         // Rows of src1 and dst 4 elements apart: one load or store each.
         if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
         return rows4_f32<t1, false, fx>(A, B, D, count);
+    }
+    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) {
+        if (fx != Fixed::src2 && b.s1 >= (8 - n) * 8 && b.s1 <= 64)
+            return rows_f64<n, true, fx>(op_of<t1>(A), B, D, count);
+        return rows_f64<n, false, fx>(op_of<t1>(A), B, D, count);
     }
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
