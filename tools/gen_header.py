@@ -601,13 +601,14 @@ struct Bag {
 
 struct Fn {
     const char* name;
+    const void* address;  // null while the library lacks the function
     OrsStatus (*call)(const Bag&);
     int arity;
     Param params[%d];
     const char* types[%d];
 };
 
-// The entry of an exported function, or null; the enumerator of an argument
+// The entry of an exported function the library has, or null; the enumerator of an argument
 // name, or -1; the name of an enumerator.
 const Fn* find(const char* name);
 int param(const char* name);
@@ -619,7 +620,11 @@ const char* param_name(int k);
            "#include \"orsm_calls.hpp\"\n\n#include <cstring>\n\nnamespace orsmtest::gen {\nnamespace {\n\n",
            "const char* const kNames[] = {\n"]
     cpp += ["    \"%s\",\n" % n for n in params]
-    cpp.append("};\n\nconst Fn kFns[] = {\n")
+    cpp.append("};\n\n}  // namespace\n}  // namespace orsmtest::gen\n\n")
+    # Weak references: a test program links whatever functions the library
+    # has so far, and finds only those.
+    cpp += ["#pragma weak %s\n" % name for _si, name, _args in fns]
+    cpp.append("\nnamespace orsmtest::gen {\nnamespace {\n\nconst Fn kFns[] = {\n")
     for _si, name, args in fns:
         exprs = []
         for t, n in args:
@@ -629,8 +634,8 @@ const char* param_name(int k);
                 exprs.append("b.i[%s]" % n)
             else:
                 exprs.append("b.%s[%s]" % ("f" if t == "float" else "d", n))
-        cpp.append("    {\"%s\", [](const Bag& b) { return %s(%s); }, %d, {%s}, {%s}},\n" % (
-            name, name, ", ".join(exprs), len(args), ", ".join(n for _t, n in args),
+        cpp.append("    {\"%s\", reinterpret_cast<const void*>(&%s), [](const Bag& b) { return %s(%s); }, %d, {%s}, {%s}},\n" % (
+            name, name, name, ", ".join(exprs), len(args), ", ".join(n for _t, n in args),
             ", ".join('"%s"' % t for t, _n in args)))
     cpp.append("""};
 
@@ -638,7 +643,7 @@ const char* param_name(int k);
 
 const Fn* find(const char* name) {
     for (const Fn& f : kFns)
-        if (std::strcmp(f.name, name) == 0) return &f;
+        if (std::strcmp(f.name, name) == 0) return f.address ? &f : nullptr;
     return nullptr;
 }
 
