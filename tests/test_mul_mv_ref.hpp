@@ -359,30 +359,16 @@ template <class T> void check_threads(const Family& fam, const Combo& cb) {
 }
 
 // The tests of a family, over its forms and layouts, in both types.
-#define MV_FAMILY_TESTS(Suite, fam, stems)                                                          \
-    class Suite : public testing::TestWithParam<Combo> {};                                         \
-    TEST_P(Suite, ExactBitsByKernelTree) {                                                         \
-        check_bits<float>(fam, GetParam());                                                        \
-        check_bits<double>(fam, GetParam());                                                       \
-    }                                                                                              \
-    TEST_P(Suite, OrderPathsSquareThreeToSix) {                                                    \
-        check_paths<float>(GetParam());                                                            \
-        check_paths<double>(GetParam());                                                           \
-    }                                                                                              \
-    TEST_P(Suite, ChecksInOrderDstUntouched) {                                                     \
-        check_status<float>(GetParam());                                                           \
-        check_status<double>(GetParam());                                                          \
-    }                                                                                              \
-    INSTANTIATE_TEST_SUITE_P(Forms, Suite, testing::ValuesIn(combos(stems)), combo_name);          \
-    class Suite##Array : public testing::TestWithParam<Combo> {};                                  \
-    TEST_P(Suite##Array, LimitBoundary) {                                                          \
-        check_limits<float>(fam, GetParam());                                                      \
-        check_limits<double>(fam, GetParam());                                                     \
-    }                                                                                              \
-    TEST_P(Suite##Array, SameBitsForOneAndTwoThreads) {                                            \
-        check_threads<float>(fam, GetParam());                                                     \
-        check_threads<double>(fam, GetParam());                                                    \
-    }                                                                                              \
+#define MV_BOTH(check, ...) (check<float>(__VA_ARGS__), check<double>(__VA_ARGS__))
+#define MV_FAMILY_TESTS(Suite, fam, stems)                                                                 \
+    class Suite : public testing::TestWithParam<Combo> {};                                                \
+    class Suite##Array : public testing::TestWithParam<Combo> {};                                         \
+    TEST_P(Suite, ExactBitsByKernelTree) { MV_BOTH(check_bits, fam, GetParam()); }                        \
+    TEST_P(Suite, OrderPathsSquareThreeToSix) { MV_BOTH(check_paths, GetParam()); }                       \
+    TEST_P(Suite, ChecksInOrderDstUntouched) { MV_BOTH(check_status, GetParam()); }                       \
+    TEST_P(Suite##Array, LimitBoundary) { MV_BOTH(check_limits, fam, GetParam()); }                       \
+    TEST_P(Suite##Array, SameBitsForOneAndTwoThreads) { MV_BOTH(check_threads, fam, GetParam()); }        \
+    INSTANTIATE_TEST_SUITE_P(Forms, Suite, testing::ValuesIn(combos(stems)), combo_name);                 \
     INSTANTIATE_TEST_SUITE_P(Forms, Suite##Array, testing::ValuesIn(combos(stems, true)), combo_name)
 
 }  // namespace

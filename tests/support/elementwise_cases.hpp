@@ -188,25 +188,15 @@ template <class T> void check_results(const std::vector<Case>& cases, bool fast 
 
 // ---- argument faults ------------------------------------------------------------
 
-inline OrsStatus status_of(char fault) {
-    switch (fault) {
-        case 'p': return StatusNullPointer;
-        case 'c': return StatusBadCount;
-        case 'l': return StatusBadSize;
-        case 's':
-        case 'z': return StatusBadStride;
-        default: return StatusBadRoiShift;
-    }
-}
-template <class T> void inject(Trial<T>& s, char fault) {
-    Call<T>& c = s.c;
-    switch (fault) {
-        case 'p': c.ptr("dst") = nullptr; break;
-        case 'c': c.arg("count") = 0; break;
-        case 'l': c.arg(s.matrix ? "height" : "length") = 0; break;
-        case 's': c.arg("dstStride2") = int(sizeof(T)) + 2; break;
-        case 'z': c.arg("dstStride0") = -int(sizeof(T)); break;
-        default: c.arg("dstRoiShift") = 2; break;
+// A fault by its letter: the edit and the status it gives.
+template <class T> std::pair<std::string, OrsStatus> fault(const Trial<T>& s, char f) {
+    switch (f) {
+        case 'p': return {"dst=0", StatusNullPointer};
+        case 'c': return {"count=0", StatusBadCount};
+        case 'l': return {s.matrix ? "height=0" : "length=0", StatusBadSize};
+        case 's': return {"dstStride2=" + std::to_string(sizeof(T) + 2), StatusBadStride};
+        case 'z': return {"dstStride0=-" + std::to_string(sizeof(T)), StatusBadStride};
+        default: return {"dstRoiShift=2", StatusBadRoiShift};
     }
 }
 
@@ -218,9 +208,9 @@ template <class T> void check_faults(const std::vector<Case>& cases) {
         for (std::size_t i = 0; i < o.size(); ++i)
             for (std::size_t j = i; j < o.size(); ++j) {
                 Trial<T> s(cs, Mode{}, 4, 3, 3, 5);
-                inject(s, o[i]);
-                inject(s, o[j]);
-                EXPECT_EQ(s.call(), status_of(o[i])) << cs.stem << name(cs.lay) << " faults " << o[i] << o[j];
+                const auto [first, want] = fault(s, o[i]);
+                EXPECT_EQ(s.c.set(first + " " + fault(s, o[j]).first).run(), want)
+                    << cs.stem << name(cs.lay) << " faults " << o[i] << o[j];
                 EXPECT_TRUE(s.c.unchanged()) << cs.stem << " faults " << o[i] << o[j];
             }
         Trial<T> s(cs, Mode{}, 3, 4, 2, 9);
