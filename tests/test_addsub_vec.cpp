@@ -1,128 +1,41 @@
 // Add and Sub on vectors: results bit for bit against a scalar reference in
 // every form, layout and type; check orders with their asymmetries; the
 // serial/parallel boundary; what a dst overlapping a source sees.
-#include <gtest/gtest.h>
-
 #include "elementwise_cases.hpp"
 
 using namespace orsmtest;
 
 namespace {
 
-#define FN(name, lay) pick<T>(orsm##name##_32f##lay, orsm##name##_64f##lay)
-
 // vav tests count late, at a different place per layout.
-inline std::string vav_order(Layout l) {
-    return l == Layout::S ? "plsc" : l == Layout::P ? "plzch" : "plshc";
-}
+std::string vav_order(Layout l) { return l == Layout::S ? "plsc" : l == Layout::P ? "plzch" : "plshc"; }
 
-template <class T> std::vector<Case<T>> cases() {
-    const Layout S = Layout::S, P = Layout::P, L = Layout::L;
-    std::vector<Case<T>> v;
-    auto add = [&](Case<T> c) { v.push_back(std::move(c)); };
-#define SINGLE(Fam, form, lay, kb, cfirst, op) \
-    add(make_case<T>(#Fam "_" #form #lay, lay, 'O', kb, cfirst, op, false, false, single_order(lay), FN(Fam##_##form, _##lay)))
-#define SINGLE_S(Fam, form, kb, cfirst, op) \
-    add(make_case<T>(#Fam "_" #form, S, 'O', kb, cfirst, op, false, false, single_order(S), FN(Fam##_##form, )))
-#define ARRAY(Fam, form, lay, ka, kb, cfirst, op, order) \
-    add(make_case<T>(#Fam "_" #form #lay, lay, ka, kb, cfirst, op, false, false, order(lay), FN(Fam##_##form, _##lay)))
-#define ARRAY_S(Fam, form, ka, kb, cfirst, op, order) \
-    add(make_case<T>(#Fam "_" #form, S, ka, kb, cfirst, op, false, false, order(S), FN(Fam##_##form, )))
-#define ARRAY3(Fam, form, ka, kb, cfirst, op, order)     \
-    ARRAY_S(Fam, form, ka, kb, cfirst, op, order);       \
-    ARRAY(Fam, form, P, ka, kb, cfirst, op, order);      \
-    ARRAY(Fam, form, L, ka, kb, cfirst, op, order)
-
-    SINGLE_S(Add, vc, '-', false, '+');
-    SINGLE(Add, vc, P, '-', false, '+');
-    SINGLE_S(Sub, vc, '-', false, '-');
-    SINGLE(Sub, vc, P, '-', false, '-');
-    SINGLE_S(Sub, cv, '-', true, '-');
-    SINGLE(Sub, cv, P, '-', true, '-');
-    SINGLE_S(Add, vv, 'O', false, '+');
-    SINGLE(Add, vv, P, 'O', false, '+');
-    SINGLE_S(Sub, vv, 'O', false, '-');
-    SINGLE(Sub, vv, P, 'O', false, '-');
-    ARRAY3(Add, vac, 'A', '-', false, '+', array_order);
-    ARRAY3(Sub, vac, 'A', '-', false, '-', array_order);
-    ARRAY3(Sub, cva, 'A', '-', true, '-', array_order);
-    ARRAY3(Add, vav, 'A', 'O', false, '+', vav_order);
-    ARRAY3(Sub, vav, 'A', 'O', false, '-', vav_order);
-    ARRAY3(Sub, vva, 'O', 'A', false, '-', array_order);
-    ARRAY3(Add, vava, 'A', 'A', false, '+', array_order);
-    ARRAY3(Sub, vava, 'A', 'A', false, '-', array_order);
+std::vector<Case> cases() {
+    std::vector<Case> v;
+    for (const char* s : {"Add_vc", "Sub_vc", "Sub_cv", "Add_vv", "Sub_vv", "Add_vac", "Sub_vac",
+                          "Sub_cva", "Sub_vva", "Add_vava", "Sub_vava"})
+        add_cases(v, s);
+    add_cases(v, "Add_vav", vav_order);
+    add_cases(v, "Sub_vav", vav_order);
     return v;
 }
+
+// Limits, parallel above: S 4800 (32f) and 1400 (64f), P 1500, L 2500, the
+// same for contiguous and strided operands.
+template <class T> Limit limit(const Case& cs, const Mode&) {
+    return {cs.lay == Layout::S ? (sizeof(T) == 4 ? 4800 : 1400) : cs.lay == Layout::P ? 1500 : 2500, false};
+}
+int work(bool two_arrays, int len, int, int n) { return two_arrays ? 3 * len * n : len * (2 * n + 1); }
 
 template <class T> class AddSubVec : public ::testing::Test {};
 using Types = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(AddSubVec, Types);
 
-// Every length class, count 1 and several, every stride mode.
-TYPED_TEST(AddSubVec, ResultsBitExact) {
-    check_results(cases<TypeParam>(), vector_sizes(), {1, 5});
-}
-
-// Planes of one element stride (P) and packed arrays (S) take the fast paths.
-TYPED_TEST(AddSubVec, FastPathsBitExact) {
-    check_results(cases<TypeParam>(), fast_vector_sizes(), fast_counts(), fast_modes);
-}
-
-TYPED_TEST(AddSubVec, CheckOrder) { check_order(cases<TypeParam>(), 4, 1); }
-
-TYPED_TEST(AddSubVec, EveryArgumentChecked) { check_each_argument(cases<TypeParam>(), 4, 1); }
-
-TYPED_TEST(AddSubVec, SameResultsWithOneAndTwoThreads) {
-    check_threads(cases<TypeParam>(), 5, 1, 1500);
-}
-
-// Limits, parallel above: S 4800 (32f) and 1400 (64f), P 1500, L 2500, the
-// same for contiguous and strided operands. W is length * (2 count + 1),
-// 3 * length * count for vava.
-TYPED_TEST(AddSubVec, ParallelAboveTheLimit) {
-    using T = TypeParam;
-    for (const auto& cs : cases<T>()) {
-        if (!cs.array()) continue;
-        const bool vava = cs.ka == 'A' && cs.kb == 'A';
-        const int limit = cs.lay == Layout::S ? (sizeof(T) == 4 ? 4800 : 1400)
-                          : cs.lay == Layout::P ? 1500 : 2500;
-        // A length and count with W exactly the limit, when one exists.
-        for (int len = 1; len <= 64; ++len) {
-            const int per = vava ? 3 * len : 2 * len;
-            const int rest = vava ? limit : limit - len;
-            if (rest % per != 0) continue;
-            const int count = rest / per;
-            for (const Mode& m : modes(cs.lay)) check_boundary(cs, m, len, 1, count, count + 1);
-            break;
-        }
-    }
-}
-
-// ---- the statuses of particular calls --------------------------------------------
-
-TEST(AddSubVecEdges, ConstantOperandOrder) {
-    const float src[2] = {1, 2};
-    float d[2];
-    ASSERT_EQ(orsmSub_cv_32f(src, 4, 1.0f, d, 4, 2), StatusOk);
-    EXPECT_EQ(d[0], 0.0f);
-    EXPECT_EQ(d[1], -1.0f);
-    ASSERT_EQ(orsmSub_vc_32f(src, 4, 1.0f, d, 4, 2), StatusOk);
-    EXPECT_EQ(d[0], 0.0f);
-    EXPECT_EQ(d[1], 1.0f);
-}
-
-// vav tests count after the strides; its mirror vva tests it second.
-TEST(AddSubVecEdges, CountLateInVav) {
-    float a[8] = {}, b[8] = {}, d[8] = {};
-    const float* ta[4] = {a, a + 1, a + 2, a + 3};
-    float* td[4] = {d, d + 1, d + 2, d + 3};
-    EXPECT_EQ(orsmSub_vav_32f(a, 16, 6, b, 4, d, 16, 4, 4, 0), StatusBadStride);
-    EXPECT_EQ(orsmSub_vva_32f(a, 6, b, 16, 4, d, 16, 4, 4, 0), StatusBadCount);
-    EXPECT_EQ(orsmAdd_vav_32f_P(ta, 2, 16, ta, 0, td, 0, 16, 4, 0), StatusBadCount);
-    EXPECT_EQ(orsmAdd_vav_32f_L(ta, 2, 4, b, 4, td, 0, 4, 4, 0), StatusBadRoiShift);
-    EXPECT_EQ(orsmAdd_vav_32f(a, -5, 4, b, 4, d, 16, 4, 1, 1), StatusBadStride);
-    EXPECT_EQ(orsmAdd_vav_32f(a, 16, 4, b, 4, nullptr, 16, 4, 4, 0), StatusNullPointer);
-}
+TYPED_TEST(AddSubVec, ResultsBitExact) { check_results<TypeParam>(cases()); }
+TYPED_TEST(AddSubVec, FastPathsBitExact) { check_results<TypeParam>(cases(), true); }
+TYPED_TEST(AddSubVec, Faults) { check_faults<TypeParam>(cases()); }
+TYPED_TEST(AddSubVec, SameResultsWithOneAndTwoThreads) { check_threads<TypeParam>(cases(), 5, 1, 1500); }
+TYPED_TEST(AddSubVec, ParallelAboveTheLimit) { check_boundary<TypeParam>(cases(), limit<TypeParam>, work); }
 
 // ---- overlapping operands ----------------------------------------------------------
 
@@ -131,27 +44,24 @@ TEST(AddSubVecEdges, CountLateInVav) {
 // sees it as it was, in every object.
 template <class T> void single_operand_held(Layout lay, bool vva) {
     for (int len = 3; len <= 6; ++len) {
-        const int count = 4;
-        std::vector<T> mem(len * (count + 2)), arr(len * count);
+        const int count = 4, E = sizeof(T), s0 = len * E;
+        std::vector<T> mem(len * count), arr(len * count);
         for (int i = 0; i < len; ++i) mem[i] = T(100 + i);
         for (int i = 0; i < len * count; ++i) arr[i] = T(i);
-        T* single = mem.data();  // dst object 0 is the single vector
-        T* dst = mem.data();
-        std::vector<T*> dt;
-        std::vector<const T*> at;
-        for (int n = 0; n < count; ++n) {
-            dt.push_back(dst + n * len);
-            at.push_back(arr.data() + n * len);
-        }
-        const int E = sizeof(T), s0 = len * E;
-        OrsStatus st;
-        if (lay == Layout::S)
-            st = vva ? FN(Sub_vva, )(single, E, arr.data(), s0, E, dst, s0, E, len, count)
-                     : FN(Sub_vav, )(arr.data(), s0, E, single, E, dst, s0, E, len, count);
-        else
-            st = vva ? FN(Sub_vva, _L)(single, E, at.data(), 0, E, dt.data(), 0, E, len, count)
-                     : FN(Sub_vav, _L)(at.data(), 0, E, single, E, dt.data(), 0, E, len, count);
-        ASSERT_EQ(st, StatusOk);
+        std::vector<T*> dt, at;
+        for (int n = 0; n < count; ++n) dt.push_back(&mem[n * len]), at.push_back(&arr[n * len]);
+        // dst object 0 is the single vector.
+        Call<T> c(vva ? "Sub_vva" : "Sub_vav", lay);
+        const std::string one = vva ? "src1" : "src2", many = vva ? "src2" : "src1";
+        c.ptr(one) = mem.data();
+        c.ptr(many) = lay == Layout::S ? static_cast<void*>(arr.data()) : at.data();
+        c.ptr("dst") = lay == Layout::S ? static_cast<void*>(mem.data()) : dt.data();
+        for (const char* p : {"src1Stride0", "src2Stride0", "dstStride0"})
+            if (c.takes(p)) c.arg(p) = s0;
+        c.arg("src1Stride2") = c.arg("src2Stride2") = c.arg("dstStride2") = E;
+        c.arg("length") = len;
+        c.arg("count") = count;
+        ASSERT_EQ(c.run(), StatusOk);
         for (int n = 0; n < count; ++n)
             for (int i = 0; i < len; ++i) {
                 const T s = T(100 + i), x = T(n * len + i);
@@ -174,28 +84,23 @@ TEST(AddSubVecOverlap, ObjectReadWholeOnUnrolledPaths) {
     for (int len = 1; len <= 8; ++len) {
         std::vector<float> m(len + 1, 0.0f);
         ASSERT_EQ(orsmAdd_vac_32f(m.data(), 64, 4, 1.0f, m.data() + 1, 64, 4, len, 1), StatusOk);
-        for (int i = 0; i < len; ++i) {
-            const float want = (len >= 3 && len <= 6) ? 1.0f : float(i + 1);
-            EXPECT_EQ(m[i + 1], want) << "length " << len << " element " << i;
-        }
+        for (int i = 0; i < len; ++i)
+            EXPECT_EQ(m[i + 1], (len >= 3 && len <= 6) ? 1.0f : float(i + 1)) << len << " " << i;
     }
 }
 
 // The long vc and vv loops fall back to one element at a time, ascending,
-// when dst overlaps a source.
+// when dst overlaps a source; in place is well defined too.
 TEST(AddSubVecOverlap, LongLoopFallsBackToAscendingElements) {
     for (int len : {11, 12, 41, 100}) {
-        std::vector<float> m(len + 1, 0.0f);
+        std::vector<float> m(len + 1, 0.0f), q(len, 2.0f), r(len, 3.0f);
         ASSERT_EQ(orsmAdd_vc_32f(m.data(), 4, 1.0f, m.data() + 1, 4, len), StatusOk);
         for (int i = 0; i < len; ++i) EXPECT_EQ(m[i + 1], float(i + 1)) << len << " " << i;
         std::vector<double> p(len + 1, 0.0), one(len, 1.0);
         ASSERT_EQ(orsmSub_vv_64f(p.data(), 8, one.data(), 8, p.data() + 1, 8, len), StatusOk);
         for (int i = 0; i < len; ++i) EXPECT_EQ(p[i + 1], -double(i + 1)) << len << " " << i;
-        // In place is well defined too.
-        std::vector<float> q(len, 2.0f), r(len, 3.0f);
-        ASSERT_EQ(orsmAdd_vava_32f(q.data(), 0 + 4 * len, 4, r.data(), 4 * len, 4, q.data(),
-                                   4 * len, 4, len, 1),
-                  StatusOk);
+        const int s0 = 4 * len;
+        ASSERT_EQ(orsmAdd_vava_32f(q.data(), s0, 4, r.data(), s0, 4, q.data(), s0, 4, len, 1), StatusOk);
         for (int i = 0; i < len; ++i) EXPECT_EQ(q[i], 5.0f);
     }
 }
