@@ -3,7 +3,7 @@
 # ones when run as root with apt-get, otherwise names them and fails.
 # Usage: scripts/deps.sh [extra Debian packages...]
 set -euo pipefail
-need=(cmake g++ make libgtest-dev pkg-config "$@")
+need=(cmake g++ make libgtest-dev pkg-config python3 "$@")
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
