@@ -30,14 +30,7 @@ template <class T> Limit limit(const Case& cs, const Mode& m) {
 }
 int work(bool two_arrays, int w, int h, int n) { return two_arrays ? 3 * w * h * n : w * h * (2 * n + 1); }
 
-template <class T> class AddSubMat : public ::testing::Test {};
-using Types = ::testing::Types<float, double>;
-TYPED_TEST_SUITE(AddSubMat, Types);
-
-TYPED_TEST(AddSubMat, ResultsBitExact) { check_results<TypeParam>(cases()); }
-TYPED_TEST(AddSubMat, FastPathsBitExact) { check_results<TypeParam>(cases(), true); }
-TYPED_TEST(AddSubMat, Faults) { check_faults<TypeParam>(cases()); }
-TYPED_TEST(AddSubMat, SameResultsWithOneAndTwoThreads) { check_threads<TypeParam>(cases(), 12, 9, 61); }
+ELEMENTWISE_FAMILY_TESTS(AddSubMat, 12, 9, 61)
 TYPED_TEST(AddSubMat, WorkEqualToTheLimitGoesParallel) {
     check_boundary<TypeParam>(cases(), limit<TypeParam>, work);
 }

@@ -27,14 +27,7 @@ template <class T> Limit limit(const Case& cs, const Mode&) {
 }
 int work(bool two_arrays, int len, int, int n) { return two_arrays ? 3 * len * n : len * (2 * n + 1); }
 
-template <class T> class AddSubVec : public ::testing::Test {};
-using Types = ::testing::Types<float, double>;
-TYPED_TEST_SUITE(AddSubVec, Types);
-
-TYPED_TEST(AddSubVec, ResultsBitExact) { check_results<TypeParam>(cases()); }
-TYPED_TEST(AddSubVec, FastPathsBitExact) { check_results<TypeParam>(cases(), true); }
-TYPED_TEST(AddSubVec, Faults) { check_faults<TypeParam>(cases()); }
-TYPED_TEST(AddSubVec, SameResultsWithOneAndTwoThreads) { check_threads<TypeParam>(cases(), 5, 1, 1500); }
+ELEMENTWISE_FAMILY_TESTS(AddSubVec, 5, 1, 1500)
 TYPED_TEST(AddSubVec, ParallelAboveTheLimit) { check_boundary<TypeParam>(cases(), limit<TypeParam>, work); }
 
 // ---- overlapping operands ----------------------------------------------------------

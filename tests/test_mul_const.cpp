@@ -24,14 +24,7 @@ template <class T> Limit limit(const Case& cs, const Mode& m) {
 }
 int work(bool, int w, int h, int n) { return 2 * w * h * n; }
 
-template <class T> class MulConst : public ::testing::Test {};
-using Types = ::testing::Types<float, double>;
-TYPED_TEST_SUITE(MulConst, Types);
-
-TYPED_TEST(MulConst, ResultsBitExact) { check_results<TypeParam>(cases()); }
-TYPED_TEST(MulConst, FastPathsBitExact) { check_results<TypeParam>(cases(), true); }
-TYPED_TEST(MulConst, Faults) { check_faults<TypeParam>(cases()); }
-TYPED_TEST(MulConst, SameResultsWithOneAndTwoThreads) { check_threads<TypeParam>(cases(), 5, 4, 400); }
+ELEMENTWISE_FAMILY_TESTS(MulConst, 5, 4, 400)
 TYPED_TEST(MulConst, ParallelAboveTheLimit) { check_boundary<TypeParam>(cases(), limit<TypeParam>, work); }
 
 // A zero constant times an infinity is NaN on every path.

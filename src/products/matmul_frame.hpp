@@ -194,7 +194,7 @@ ORSM_INLINE OrsStatus mul(const G1& g1, int w1, int h1, const G2& g2, int w2, in
     // not the target's to run: see matmul_table.hpp.)
     if (G != Group::one && contiguous && M == K && K == N && M >= 3 && M <= 6) {
         constexpr Paths pc = paths(G, F, ty, contig);
-        constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
+        constexpr unsigned orders = unrolled_orders(pc);
         if ((orders >> M) & 1u) {
             const Kernel k = isa::select(matmul_tables).order[int(G)][F][ty][Y == Lay::L][M - 3];
             return over(contig, [&](int f, int n) {
@@ -255,14 +255,14 @@ template <Form F, class T> [[gnu::noinline]] OrsStatus mul_one_frame(ORSM_MM_ONE
 }
 template <Form F, class T> ORSM_INLINE OrsStatus mul_one(ORSM_MM_ONE_PARAMS(T)) {
     constexpr Type ty = sizeof(T) == 4 ? f32 : f64;
-    constexpr Paths pc = paths(Group::one, F, ty, Kind::C);
-    constexpr unsigned orders = pc.orders | (pc.via == Via::single_contig ? pc.single : 0u);
-    constexpr int E = esize<T>, mask = Elem<T>::mask;
+    constexpr unsigned orders = unrolled_orders(paths(Group::one, F, ty, Kind::C));
     const int n = src1Width;
+    // Equal sizes in 3..6 and element strides equal to the element size
+    // leave the row strides and the pointers to the frame's own steps.
     if (unsigned(n - 3) <= 3u && ((orders >> n) & 1u) && src1Height == n && src2Width == n &&
-        src2Height == n && src1Stride2 == E && src2Stride2 == E && dstStride2 == E &&
-        src1Stride1 > 0 && src2Stride1 > 0 && dstStride1 > 0 &&
-        ((src1Stride1 | src2Stride1 | dstStride1) & mask) == 0 && src1 && src2 && dst)
+        src2Height == n && all_contiguous<T>(src1Stride2, src2Stride2, dstStride2) &&
+        strides_ok<T>(src1Stride1, src2Stride1, dstStride1) == StatusOk &&
+        nonnull(src1, src2, dst) == StatusOk)
         return isa::select(matmul_tables).one[F][ty][n - 3](src1, src1Stride1, src2, src2Stride1,
                                                             dst, dstStride1);
     return mul_one_frame<F, T>(ORSM_MM_ONE_ARGS);

@@ -45,6 +45,12 @@ struct Paths {
     unsigned single = O3456;  // orders of the single kernel named by `via`
 };
 
+// Orders a contiguous kernel runs unrolled, one object at a time: its own
+// paths, or those of the contiguous single kernel it calls per object.
+constexpr unsigned unrolled_orders(Paths p) {
+    return p.orders | (p.via == Via::single_contig ? p.single : 0u);
+}
+
 // Kernel kinds: contiguous S, strided S, P, contiguous L, strided L.
 enum class Kind : unsigned char { C, S2, P, L, LS2 };
 // Form groups: one matrix by one matrix, array by fixed matrix, fixed by

@@ -267,3 +267,15 @@ template <class T> void check_threads(const std::vector<Case>& cases, int w, int
 }
 
 }  // namespace orsmtest
+
+// The tests every element-wise family runs, over float and double: results
+// and fast paths bit for bit, faults, and one against two threads on a
+// w x h call of `count` objects.
+#define ELEMENTWISE_FAMILY_TESTS(Suite, w, h, count)                                            \
+    template <class T> class Suite : public ::testing::Test {};                                 \
+    using Suite##Types = ::testing::Types<float, double>;                                       \
+    TYPED_TEST_SUITE(Suite, Suite##Types);                                                      \
+    TYPED_TEST(Suite, ResultsBitExact) { check_results<TypeParam>(cases()); }                   \
+    TYPED_TEST(Suite, FastPathsBitExact) { check_results<TypeParam>(cases(), true); }           \
+    TYPED_TEST(Suite, Faults) { check_faults<TypeParam>(cases()); }                             \
+    TYPED_TEST(Suite, SameResultsWithOneAndTwoThreads) { check_threads<TypeParam>(cases(), w, h, count); }
