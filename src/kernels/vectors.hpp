@@ -37,6 +37,8 @@ template <class T, int L> struct VecOf {
 template <class T, int L> using Vec = typename VecOf<T, L>::V;
 // Lanes of the widest vector of T.
 template <class T> constexpr int kLanes = kBytes / int(sizeof(T));
+// Vector registers of this target (AVX-512 has 32, the others 16).
+constexpr int kRegisters = kBytes == 64 ? 32 : 16;
 
 template <class V, class T, std::size_t... I> ORSM_INLINE V splat_(T s, std::index_sequence<I...>) {
     return V{((void)I, s)...};
