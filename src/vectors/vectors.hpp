@@ -173,8 +173,8 @@ void elem_long(const Op& op, const D& d, const A& a, const B& b, int len, int co
 // The alignment test of the packed paths: the bitwise OR of every base
 // address and object stride has its low four bits clear.
 template <class D, class A, class B> bool aligned16(const D& d, const A& a, const B& b) {
-    const auto bits = reinterpret_cast<std::uintptr_t>(d.obj(0)) | reinterpret_cast<std::uintptr_t>(a.line(0)) |
-                      reinterpret_cast<std::uintptr_t>(b.line(0)) | std::uintptr_t(d.s0) |
+    auto at = [](const void* p) { return reinterpret_cast<std::uintptr_t>(p); };
+    const auto bits = at(d.obj(0)) | at(a.line(0)) | at(b.line(0)) | std::uintptr_t(d.s0) |
                       std::uintptr_t(a.acc.s0) | std::uintptr_t(b.acc.s0);
     return (bits & 15) == 0;
 }
