@@ -92,8 +92,12 @@ struct VecPaths {
     int long_from;
 };
 
+// Objects read whole: all N elements of both sources, then the N results,
+// each by `op(x, y)` element by element (Op::per_element) or by
+// `op.object(x, y, r)` on the whole object; a single operand is held when
+// Hold says so.
 template <int N, bool Hold, class Op, class D, class A, class B>
-void vec_fixed(const D& d, const A& a, const B& b, int count) {
+void obj_fixed(const Op& op, const D& d, const A& a, const B& b, int count) {
     using T = Plain<typename D::value_type>;
     constexpr bool ha = Hold && A::single, hb = Hold && B::single;
     T xa[N], xb[N];
@@ -105,9 +109,20 @@ void vec_fixed(const D& d, const A& a, const B& b, int count) {
         T ya[N], yb[N], r[N];
         for (int i = 0; i < N; ++i) ya[i] = ha ? xa[i] : a.get(n, i);
         for (int i = 0; i < N; ++i) yb[i] = hb ? xb[i] : b.get(n, i);
-        for (int i = 0; i < N; ++i) r[i] = Op::apply(ya[i], yb[i]);
+        if constexpr (Op::per_element)
+            for (int i = 0; i < N; ++i) r[i] = op(ya[i], yb[i]);
+        else
+            op.object(ya, yb, r);
         for (int i = 0; i < N; ++i) d.v(n, i) = r[i];
     }
+}
+template <class Op> struct PerElement {
+    static constexpr bool per_element = true;
+    template <class T> ORSM_INLINE T operator()(T x, T y) const { return Op::apply(x, y); }
+};
+template <int N, bool Hold, class Op, class D, class A, class B>
+void vec_fixed(const D& d, const A& a, const B& b, int count) {
+    obj_fixed<N, Hold>(PerElement<Op>{}, d, a, b, count);
 }
 
 template <class Op, class D, class A, class B>

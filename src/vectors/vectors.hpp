@@ -30,6 +30,7 @@ namespace orsm::vec {
 using ew::Many;
 using ew::One;
 using ew::many;
+using ew::obj_fixed;
 using ew::one;
 
 enum class Family { CrossProduct, Saxpy, LComb };
@@ -119,28 +120,6 @@ template <class T> constexpr Paths paths(Family fam, F form, Kind k) {
 }
 
 // ---- kernels --------------------------------------------------------------------
-
-// Objects read whole: all N elements of both sources, then the N results.
-template <int N, bool Hold, class Op, class D, class A, class B>
-void obj_fixed(const Op& op, const D& d, const A& a, const B& b, int count) {
-    using T = Plain<typename D::value_type>;
-    constexpr bool ha = Hold && A::single, hb = Hold && B::single;
-    T xa[N], xb[N];
-    if constexpr (ha)
-        for (int i = 0; i < N; ++i) xa[i] = a.get(0, i);
-    if constexpr (hb)
-        for (int i = 0; i < N; ++i) xb[i] = b.get(0, i);
-    for (int n = 0; n < count; ++n) {
-        T ya[N], yb[N], r[N];
-        for (int i = 0; i < N; ++i) ya[i] = ha ? xa[i] : a.get(n, i);
-        for (int i = 0; i < N; ++i) yb[i] = hb ? xb[i] : b.get(n, i);
-        if constexpr (Op::per_element)
-            for (int i = 0; i < N; ++i) r[i] = op(ya[i], yb[i]);
-        else
-            op.object(ya, yb, r);
-        for (int i = 0; i < N; ++i) d.v(n, i) = r[i];
-    }
-}
 
 template <int N, class Op, class D, class A, class B>
 void elem_fixed(const Op& op, const D& d, const A& a, const B& b, int count) {
