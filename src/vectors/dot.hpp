@@ -43,39 +43,18 @@ enum class Tree : unsigned char {
     Norm64,     // the norm's 64f kernels: even and odd positions apart
 };
 
-constexpr std::string_view tree_code(Tree t, int n) {
-    constexpr std::string_view plain[] = {"01+2+", "01+2+3+", "01+2+3+4+", "01+2+3+4+5+"};
-    const int i = n - 3;
-    switch (t) {
-        case Tree::Plain: return plain[i];
-        case Tree::Strided: {
-            constexpr std::string_view c[] = {"40+1+2+3+", "45+0+1+2+3+"};
-            return n < 5 ? plain[i] : c[n - 5];
-        }
-        case Tree::Pairs64: {
-            constexpr std::string_view c[] = {"01+2+", "02+13++", "02+13++4+", "024++135+++"};
-            return c[i];
-        }
-        case Tree::Vav32: return n == 4 ? "01+23++" : plain[i];
-        case Tree::NormV32: {
-            constexpr std::string_view c[] = {"01+2+", "01+23++", "01+23++4+", "01+23++45++"};
-            return c[i];
-        }
-        case Tree::NormGroup: {
-            constexpr std::string_view c[] = {"01+2+", "01+2+3+", "02+13++4+", "02+4+13+5++"};
-            return c[i];
-        }
-        case Tree::NormRest: {
-            constexpr std::string_view c[] = {"01+2+", "01+2+3+", "01+23++4+", "02+4+13+5++"};
-            return c[i];
-        }
-        case Tree::Norm64: {
-            constexpr std::string_view c[] = {"02+1+", "02+13++", "02+4+13++", "02+4+13+5++"};
-            return c[i];
-        }
-    }
-    return {};
-}
+// A row per tree, lengths 3 to 6.
+inline constexpr std::string_view tree_codes[][4] = {
+    {"01+2+", "01+2+3+", "01+2+3+4+", "01+2+3+4+5+"},  // Plain
+    {"01+2+", "01+2+3+", "40+1+2+3+", "45+0+1+2+3+"},  // Strided
+    {"01+2+", "02+13++", "02+13++4+", "024++135+++"},  // Pairs64
+    {"01+2+", "01+23++", "01+2+3+4+", "01+2+3+4+5+"},  // Vav32
+    {"01+2+", "01+23++", "01+23++4+", "01+23++45++"},  // NormV32
+    {"01+2+", "01+2+3+", "02+13++4+", "02+4+13+5++"},  // NormGroup
+    {"01+2+", "01+2+3+", "01+23++4+", "02+4+13+5++"},  // NormRest
+    {"02+1+", "02+13++", "02+4+13++", "02+4+13+5++"},  // Norm64
+};
+constexpr std::string_view tree_code(Tree t, int n) { return tree_codes[int(t)][n - 3]; }
 
 // A tree of length n names each term once and leaves one sum.
 constexpr bool well_formed(std::string_view c, int n) {
