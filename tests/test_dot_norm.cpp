@@ -49,7 +49,8 @@ template <class T> T tree(Tree t, const std::vector<T>& p) {
     const std::size_t n = p.size();
     T s = n < 3 || n > 6 ? T(0) : p[0];
     for (std::size_t k = n < 3 || n > 6 ? 0 : 1; k < n; ++k) s = s + p[k];
-    const T a = p[0], b = p[1], c = p[2], d = n > 3 ? p[3] : 0, e = n > 4 ? p[4] : 0, f = n > 5 ? p[5] : 0;
+    auto q = [&](std::size_t k) { return k < n ? p[k] : T(0); };
+    const T a = q(0), b = q(1), c = q(2), d = q(3), e = q(4), f = q(5);
     using V = Tree;
     if (n == 3 && t == V::Norm64) return (a + c) + b;
     if (n == 4 && (t == V::Pairs64 || t == V::Norm64)) return (a + c) + (b + d);
@@ -196,6 +197,7 @@ TYPED_TEST(DotNorm, LongSumFollowsTheAddressOfSrc2) {
     for (int off : E == 4 ? std::vector{0, 4, 8, 12, 2, 7} : std::vector{0, 8, 4, 12})
         for (int len = 8; len <= 40; len += 3)
             for (bool norm : {false, true}) {
+                if (off % E && len < (E == 8 ? 9 : 11)) continue;  // only the long sum takes any address
                 T *a = reinterpret_cast<T*>(mem[0] + 16), *b = reinterpret_cast<T*>(mem[1] + 16 + off), got = 0;
                 std::vector<T> p;
                 for (int k = 0; k < len; ++k) {
