@@ -280,6 +280,8 @@ template <int N, Cell c, Fam fam, class T, class A, class B> void fixed(const Jo
         const int g = j.total - j.total % 4 - j.first;
         grouped = g < 0 ? 0 : g < j.count ? g : j.count;
     }
+    // Four objects side by side, read element by element: nothing past an
+    // object's last element is fetched, whatever its alignment.
     int n = 0;
     for (; n + 4 <= grouped; n += 4) {
         Lanes<T> p[N];
