@@ -367,16 +367,18 @@ OrsStatus frame(Steps st, const Op& op, const D& d, const A& a, const B& b, int 
                                                         VEC_CNTV_##KD);                            \
     }
 
-// All forms of a family in every layout they exist in.
-#define VEC_FAMILY(T, t, Fam)                                                                      \
-    VEC_ENTRY(T, t, Fam, vv, S, O, O, O)                                                           \
-    VEC_ENTRY(T, t, Fam, vv, P, O, O, O)                                                           \
-    VEC_ENTRY(T, t, Fam, vav, S, A, O, A)                                                          \
-    VEC_ENTRY(T, t, Fam, vav, P, A, O, A)                                                          \
-    VEC_ENTRY(T, t, Fam, vav, L, A, O, A)                                                          \
-    VEC_ENTRY(T, t, Fam, vava, S, A, A, A)                                                         \
-    VEC_ENTRY(T, t, Fam, vava, P, A, A, A)                                                         \
-    VEC_ENTRY(T, t, Fam, vava, L, A, A, A)
+// All forms of a family in every layout they exist in, each by the entry
+// macro E (which takes VEC_ENTRY's arguments).
+#define VEC_FORMS(E, T, t, Fam)                                                                    \
+    E(T, t, Fam, vv, S, O, O, O)                                                                   \
+    E(T, t, Fam, vv, P, O, O, O)                                                                   \
+    E(T, t, Fam, vav, S, A, O, A)                                                                  \
+    E(T, t, Fam, vav, P, A, O, A)                                                                  \
+    E(T, t, Fam, vav, L, A, O, A)                                                                  \
+    E(T, t, Fam, vava, S, A, A, A)                                                                 \
+    E(T, t, Fam, vava, P, A, A, A)                                                                 \
+    E(T, t, Fam, vava, L, A, A, A)
+#define VEC_FAMILY(T, t, Fam) VEC_FORMS(VEC_ENTRY, T, t, Fam)
 #define VEC_FAMILY_VVA(T, t, Fam)                                                                  \
     VEC_ENTRY(T, t, Fam, vva, S, O, A, A)                                                          \
     VEC_ENTRY(T, t, Fam, vva, P, O, A, A)                                                          \
