@@ -306,6 +306,15 @@ TEST(MeasuresValues, DetSmallPivotsAndExactZeros) {
     EXPECT_EQ(det_vec(diagonal(d7), 7), 0x1p-52);
     d7[0] = 1, d7[6] = 0x1p-52;  // at the last pivot: 0
     EXPECT_EQ(det_vec(diagonal(d7), 7), 0.0);
+    // Equal magnitudes keep the earlier row as pivot.
+    Values<float> vals(5);
+    for (int trial = 0; trial < 20; ++trial) {
+        std::vector<float> a(49);
+        for (auto& v : a) v = vals.wide();
+        a[0] = 0x1p21f, a[7] = -0x1p21f;
+        auto x = [&](int r, int c) { return a[r * 7 + c]; };
+        EXPECT_EQ(bits(det_vec(a, 7)), bits(ref::det_elim<float>(x, 7))) << trial;
+    }
     // A zero first column at order 7: 0 at column 0.
     std::vector<double> z(49, 2.0);
     for (int r = 0; r < 7; ++r) z[r * 7] = 0, z[r * 7 + r] += r;
