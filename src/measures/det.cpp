@@ -80,7 +80,7 @@ ORSM_INLINE T closed_eval(const T (&a)[N][N], std::index_sequence<I...>) {
     T m[1 << N];
     for (int c = 0; c < N; ++c) m[1 << c] = a[0][c];
     (
-        [&] {
+        [&]() __attribute__((always_inline)) {
             constexpr Term t = closed_program<N>[I];
             const T p = a[t.row][t.col] * m[t.src];
             if constexpr (t.sign == 0) m[t.dst] = p;

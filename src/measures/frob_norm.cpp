@@ -56,22 +56,26 @@ template <class X> ORSM_INLINE auto by_columns(const X& x, int n) {
     return n == 5 ? four + c[4] : four;
 }
 
-// L lanes over the elements in row-major order: the first `peel` go to lane
+// L lanes over a run of contiguous elements: the first `peel` go to lane
 // 0, then lane k takes positions k, k + L, ... over the largest multiple of
-// 2L elements, the tail goes to lane 0 one at a time. Four lanes combine as
+// 2L elements, the tail goes to lane 0 one at a time.
+template <int L, class T> ORSM_INLINE void add_lanes(T (&lane)[L], const T* p, int len, int peel) {
+    int i = 0;
+    for (; i < peel && i < len; ++i) lane[0] = lane[0] + sq(p[i]);
+    const int body = i + (len - i) / (2 * L) * (2 * L);
+    for (; i < body; i += L)
+        for (int j = 0; j < L; ++j) lane[j] = lane[j] + sq(p[i + j]);
+    for (; i < len; ++i) lane[0] = lane[0] + sq(p[i]);
+}
+// Contiguous elements in L lanes: rows without gaps as one run, from `peel`
+// on; rows with gaps each a run of its own. Four lanes combine as
 // (l0 + l2) + (l1 + l3).
-template <int L, class X> ORSM_INLINE auto by_lanes(const X& x, int w, int h, int peel) {
-    using T = decltype(x(0, 0));
-    const int total = w * h;
-    if (peel > total) peel = total;
-    const int body = peel + (total - peel) / (2 * L) * (2 * L);
+template <int L, class A> ORSM_INLINE auto by_lanes(const A& a, int n, int w, int h, int peel) {
+    using T = Plain<typename A::value_type>;
     T lane[L] = {};
-    for (int i = 0, r = 0, c = 0; i < total; ++i) {
-        const T q = sq(x(r, c));
-        const int k = i >= peel && i < body ? (i - peel) % L : 0;
-        lane[k] = lane[k] + q;
-        if (++c == w) c = 0, ++r;
-    }
+    if (a.s1 == ptrdiff_t(w) * esize<T>) add_lanes(lane, &a(n, 0, 0), w * h, peel);
+    else
+        for (int r = 0; r < h; ++r) add_lanes(lane, &a(n, r, 0), w, 0);
     if constexpr (L == 4) return (lane[0] + lane[2]) + (lane[1] + lane[3]);
     else return lane[0] + lane[1];
 }
@@ -127,10 +131,12 @@ struct FrobNorm {
     // The single-matrix frame of layout S has one kernel for every stride.
     static constexpr bool single_tests_contiguity = false;
 
-    template <Kind K, bool Single, class A, class T>
-    static void kernel(const A& a, Geo g, T*, T* dst, int count) {
+    // Objects of a square order N fixed at compile time (N of 0: any
+    // shape), so the sums of the small orders unroll.
+    template <Kind K, bool Single, int N, class A, class T>
+    static void objects(const A& a, int w_, int h_, T* dst, int count) {
         constexpr Scheme sc = scheme<T>(K, Single);
-        const int w = g.w, h = g.h;
+        const int w = N ? N : w_, h = N ? N : h_;
         const bool square = w == h;
         for (int n = 0; n < count; ++n) {
             auto x = [&](int r, int c) -> T { return a(n, r, c); };
@@ -140,31 +146,39 @@ struct FrobNorm {
             } else if constexpr (sc.sum == Sum::Pairs) {
                 s = pairs(x, w, h);
             } else if constexpr (sc.sum == Sum::PairsBut3x3) {
-                s = square && w == 3 ? running(x, 3, 3) : pairs(x, w, h);
+                s = N == 3 ? running(x, 3, 3) : pairs(x, w, h);
             } else if constexpr (sc.sum == Sum::Lanes) {
                 constexpr int L = sizeof(T) == 4 ? 4 : 2;
-                s = square && w >= 3 && w <= 5 ? by_columns(x, w) : by_lanes<L>(x, w, h, 0);
+                s = N >= 3 && N <= 5 ? by_columns(x, w) : by_lanes<L>(a, n, w, h, 0);
             } else {
                 // Square up to order 5 by columns at any stride; else
                 // contiguous elements in four lanes, rows without gaps read
                 // as one vector from its first 16-byte boundary; else one
                 // running sum.
-                const auto s2 = a.s2_, s1 = a.s1;
                 if (square && w < 6) {
                     s = by_columns(x, w);
-                } else if (s2 == esize<T>) {
-                    int peel = 0;
-                    if (s1 == ptrdiff_t(w) * esize<T>) {
-                        const auto addr = reinterpret_cast<std::uintptr_t>(&a(n, 0, 0));
-                        peel = int((16 - addr % 16) % 16 / esize<T>);
-                    }
-                    s = by_lanes<4>(x, w, h, peel);
+                } else if (a.s2_ == esize<T>) {
+                    const auto addr = reinterpret_cast<std::uintptr_t>(&a(n, 0, 0));
+                    s = by_lanes<4>(a.template as<true>(), n, w, h, int((16 - addr % 16) % 16 / esize<T>));
                 } else {
                     s = running(x, w, h);
                 }
             }
             dst[n] = root<sc>(s);
         }
+    }
+    template <Kind K, bool Single, class A, class T>
+    static void kernel(const A& a, Geo g, T*, T* dst, int count) {
+        if (g.w == g.h) switch (g.w) {
+                case 1: return objects<K, Single, 1>(a, 1, 1, dst, count);
+                case 2: return objects<K, Single, 2>(a, 2, 2, dst, count);
+                case 3: return objects<K, Single, 3>(a, 3, 3, dst, count);
+                case 4: return objects<K, Single, 4>(a, 4, 4, dst, count);
+                case 5: return objects<K, Single, 5>(a, 5, 5, dst, count);
+                case 6: return objects<K, Single, 6>(a, 6, 6, dst, count);
+                default: break;
+            }
+        objects<K, Single, 0>(a, g.w, g.h, dst, count);
     }
 
     static int work(Geo g, int count) { return wmul(g.w, g.h, count); }
