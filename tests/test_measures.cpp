@@ -84,7 +84,7 @@ template <class T> struct Trial {
         // The lane kernels are held to a tolerance on finite sums (an
         // infinite or NaN sum is so in any order).
         const bool loose = lanes && std::isfinite(s);
-        if (loose) s = T(ref::squares_exactish(x, w, h));
+        if (loose) s = T(ref::squares_running<long double>(x, w, h));
         // Small sums: the 64f single matrix in S takes every root; lane
         // kernels give 0 at or below the tolerance, the others below it.
         const bool never = !P && !cs.array && !is32;
@@ -97,8 +97,7 @@ template <class T> struct Trial {
         for (int n = 0; n < count; ++n) {
             const T got = dst.get(std::size_t(n));
             if (n >= upto) {
-                if (bits(got) != bits(from_bits<T>(kGuardBits())))
-                    return testing::AssertionFailure() << "object " << n << " written";
+                if (bits(got) != bits(Packed<T>(1).get(0))) return testing::AssertionFailure() << n << " written";
                 continue;
             }
             const auto [w0, loose] = want(n);
@@ -110,11 +109,6 @@ template <class T> struct Trial {
         if (!dst.guards_intact()) return testing::AssertionFailure() << "dst guard bytes changed";
         if (!src->unchanged()) return testing::AssertionFailure() << "src changed";
         return testing::AssertionSuccess();
-    }
-    static auto kGuardBits() {
-        std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t> b;
-        std::memset(&b, kGuard, sizeof b);
-        return b;
     }
 };
 
@@ -190,7 +184,7 @@ template <class T> int limit(const Case& cs, Mode m) {
     if (cs.lay == Layout::P) return is32 ? 1501 : 2501;
     return m.contiguous ? (is32 ? 2501 : 1801) : (is32 ? 1801 : 1501);
 }
-TYPED_TEST(Measures, ParallelFromTheLimit) {
+TYPED_TEST(Measures, ParallelFromTheLimitWithTheSameBits) {
     for (const Case& cs : cases()) {
         if (!cs.array) continue;
         auto work = [&](int w, int h, int n) {
@@ -208,22 +202,15 @@ TYPED_TEST(Measures, ParallelFromTheLimit) {
                 EXPECT_TRUE(t.check(side ? first_share(g[2], 2) : g[2]))
                     << t.where() << " W=" << g[3] << (side ? " parallel" : " serial");
             }
+            // A real team of two gives the bits of one thread; Det's
+            // members eliminate each in its own part of the workspace.
+            ThreadCount tc(2);
+            const int n = cs.fam == Fam::Det ? 8 : 5;
+            Trial<TypeParam> t(cs, m, n, n, cs.fam == Fam::Det ? 1900 : 801, 17, true);
+            EXPECT_EQ(t.c.run(), StatusOk);
+            EXPECT_TRUE(t.check(t.count)) << t.where() << " two threads";
         }
     }
-}
-
-// A team of two gives the bits of one thread; Det's members each eliminate
-// in their own workspace.
-TYPED_TEST(Measures, TwoThreadsSameResults) {
-    ThreadCount tc(2);
-    for (const Case& cs : cases())
-        if (cs.array)
-            for (Mode m : modes(cs.lay)) {
-                const int n = cs.fam == Fam::Det ? 8 : 5;
-                Trial<TypeParam> t(cs, m, n, n, cs.fam == Fam::Det ? 1900 : 801, 17, true);
-                EXPECT_EQ(t.c.run(), StatusOk);
-                EXPECT_TRUE(t.check(t.count)) << t.where() << " two threads";
-            }
 }
 
 // The parallel form takes its own workspace and leaves the caller's buffer
@@ -250,62 +237,57 @@ TYPED_TEST(Measures, DetScratchOfTheCallerOnlyWhenSerial) {
 
 // ---- stated values --------------------------------------------------------------------
 
-template <class T> T det_of(std::initializer_list<T> rows, int n, const std::string& lay = "S") {
-    std::vector<T> a(rows), buf(n * (n + 1));
-    std::vector<const T*> table;
-    for (auto& v : a) table.push_back(&v);
+// One h by w matrix packed by rows, its elements `step` apart, through a
+// family's single or array form in layout S, P or L.
+template <class T> T one(const std::string& stem, const std::string& lay, std::vector<T> a, int w, int h = 0,
+                         int step = 1) {
+    h = h ? h : w;
+    std::vector<T> buf(w * (w + 1));
+    std::vector<const T*> table{a.data()};
+    if (lay == "P")
+        for (int i = 1; i < w * h; ++i) table.push_back(&a[i * step]);
     T d = T(-99);
-    Call<T> c("Det_m", lay);
-    c.ptr("src") = lay == "P" ? static_cast<void*>(table.data()) : a.data();
+    Call<T> c(stem, lay);
+    c.ptr("src") = lay == "S" ? static_cast<void*>(a.data()) : table.data();
     c.ptr("buffer") = buf.data(), c.ptr("dst") = &d;
-    if (lay == "P") c.set("srcRoiShift=0 size=" + std::to_string(n));
-    else c.set("srcStride1=" + std::to_string(n * sizeof(T)) + " srcStride2=" + std::to_string(sizeof(T)) +
-               " size=" + std::to_string(n));
-    EXPECT_EQ(c.run(), StatusOk);
+    const auto E = [&](int k) { return std::to_string(k * step * int(sizeof(T))); };
+    c.set("srcRoiShift=0 count=1 srcStride0=" + E(w * h) + " srcStride1=" + E(w) + " srcStride2=" + E(1) +
+          " size=" + std::to_string(w) + " width=" + std::to_string(w) + " height=" + std::to_string(h));
+    EXPECT_EQ(c.run(), StatusOk) << stem << " " << lay;
     return d;
 }
-template <class T> std::vector<T> diagonal(std::vector<T> d) {
+template <class T> std::vector<T> diagonal(std::vector<T> d, T off = 0) {
     const int n = int(d.size());
-    std::vector<T> a(n * n, T(0));
+    std::vector<T> a(n * n, off);
     for (int i = 0; i < n; ++i) a[i * n + i] = d[i];
     return a;
-}
-template <class T> T det_vec(const std::vector<T>& a, int n) {
-    std::vector<T> buf(n * (n + 1));
-    T d = T(-99);
-    Call<T> c("Det_m", "S");
-    c.ptr("src") = const_cast<T*>(a.data()), c.ptr("buffer") = buf.data(), c.ptr("dst") = &d;
-    c.set("srcStride1=" + std::to_string(n * sizeof(T)) + " srcStride2=" + std::to_string(sizeof(T)) +
-          " size=" + std::to_string(n));
-    EXPECT_EQ(c.run(), StatusOk);
-    return d;
 }
 
 TEST(MeasuresValues, DetSmallPivotsAndExactZeros) {
     // Order 2 pivots on 3 and multiplies by 1/3 rounded.
-    EXPECT_EQ(det_of<float>({1, 2, 3, 4}, 2), -1.9999998807907104f);
-    EXPECT_EQ(det_of<float>({1, 2, 3, 4}, 2, "P"), -1.9999998807907104f);
+    for (const char* lay : {"S", "P"}) EXPECT_EQ(one<float>("Det_m", lay, {1, 2, 3, 4}, 2), -1.9999998807907104f);
     // Exact products and sums in the closed form of order 3.
-    EXPECT_EQ(bits(det_of<float>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3)), bits(0.0f));
+    EXPECT_EQ(bits(one<float>("Det_m", "S", {1, 2, 3, 4, 5, 6, 7, 8, 9}, 3)), bits(0.0f));
     // Order 1: the element, but 0 at or below the tolerance.
-    EXPECT_EQ(det_of<float>({0x1p-23f}, 1), 0.0f);
-    EXPECT_EQ(det_of<float>({0x1.000002p-23f}, 1), 0x1.000002p-23f);
-    EXPECT_EQ(det_of<double>({-0x1p-52}, 1), 0.0);
-    // A small pivot stops the elimination, however fair the determinant:
-    // strictly below the tolerance inside the loop, at or below it at the
-    // last pivot. The closed forms test nothing.
+    EXPECT_EQ(one<float>("Det_ma", "L", {0x1p-23f}, 1), 0.0f);
+    EXPECT_EQ(one<float>("Det_m", "S", {0x1.000002p-23f}, 1), 0x1.000002p-23f);
+    // A small pivot stops the elimination however fair the determinant;
+    // the closed forms test nothing.
     for (int n = 3; n <= 8; ++n) {
         std::vector<float> d(n, 1.0f);
         d[0] = 1e-08f, d[1] = 1e+08f;
-        const float got = det_vec(diagonal(d), n);
-        if (n <= 6) EXPECT_EQ(got, 1e-08f * 1e+08f) << n;
-        else EXPECT_EQ(bits(got), bits(0.0f)) << n;
+        EXPECT_EQ(bits(one("Det_m", "S", diagonal(d), n)), bits(n <= 6 ? 1e-08f * 1e+08f : 0.0f)) << n;
     }
+    // Strict inside the loop, at or below at the last pivot.
     std::vector<double> d7(7, 1.0);
-    d7[0] = 0x1p-52;  // equal to the tolerance: kept inside the loop
-    EXPECT_EQ(det_vec(diagonal(d7), 7), 0x1p-52);
-    d7[0] = 1, d7[6] = 0x1p-52;  // at the last pivot: 0
-    EXPECT_EQ(det_vec(diagonal(d7), 7), 0.0);
+    d7[0] = 0x1p-52;
+    EXPECT_EQ(one("Det_m", "S", diagonal(d7), 7), 0x1p-52);
+    d7[0] = 1, d7[6] = 0x1p-52;
+    EXPECT_EQ(one("Det_m", "S", diagonal(d7), 7), 0.0);
+    // A zero first column at order 7 stops at column 0.
+    auto z = diagonal(std::vector<double>(7, 3.0), 2.0);
+    for (int r = 0; r < 7; ++r) z[r * 7] = 0;
+    EXPECT_EQ(bits(one("Det_m", "S", z, 7)), bits(0.0));
     // Equal magnitudes keep the earlier row as pivot.
     Values<float> vals(5);
     for (int trial = 0; trial < 20; ++trial) {
@@ -313,89 +295,42 @@ TEST(MeasuresValues, DetSmallPivotsAndExactZeros) {
         for (auto& v : a) v = vals.wide();
         a[0] = 0x1p21f, a[7] = -0x1p21f;
         auto x = [&](int r, int c) { return a[r * 7 + c]; };
-        EXPECT_EQ(bits(det_vec(a, 7)), bits(ref::det_elim<float>(x, 7))) << trial;
+        EXPECT_EQ(bits(one("Det_m", "S", a, 7)), bits(ref::det_elim<float>(x, 7))) << trial;
     }
-    // A zero first column at order 7: 0 at column 0.
-    std::vector<double> z(49, 2.0);
-    for (int r = 0; r < 7; ++r) z[r * 7] = 0, z[r * 7 + r] += r;
-    EXPECT_EQ(bits(det_vec(z, 7)), bits(0.0));
 }
 
-// Order 6 takes two minors' terms in another order than the rule; random
-// matrices show the difference in their low bits.
-TEST(MeasuresValues, DetOrderSixKeepsItsTermOrder) {
-    int differ = 0;
-    Values<double> vals(3);
-    for (int trial = 0; trial < 200; ++trial) {
-        std::vector<double> a(36);
-        for (auto& v : a) v = vals.wide();
-        auto x = [&](int r, int c) { return a[r * 6 + c]; };
-        const double got = det_vec(a, 6);
-        EXPECT_EQ(bits(got), bits(ref::det_closed<double>(x, 6))) << trial;
-        differ += bits(got) != bits(ref::det_closed<double>(x, 6, false));
-    }
-    EXPECT_GT(differ, 0);
-}
-
-template <class T> T trace_of(const std::vector<T>& a, int n, int step) {
-    T d = T(-99);
-    Call<T> c("Trace_m", "S");
-    c.ptr("src") = const_cast<T*>(a.data()), c.ptr("dst") = &d;
-    c.set("srcStride1=" + std::to_string(n * step * sizeof(T)) +
-          " srcStride2=" + std::to_string(step * sizeof(T)) + " size=" + std::to_string(n));
-    EXPECT_EQ(c.run(), StatusOk);
-    return d;
-}
-// Order 5 strided starts at a44: a large a44 swallows small others added one
-// by one, where the contiguous sum keeps them. Orders without a path start
-// from +0, so a diagonal of -0 gives +0 there and -0 at orders 3 to 6.
+// Order 5 strided starts at a44: a large a44 swallows the small others
+// added one by one, where the contiguous sum keeps them. Orders without a
+// path start from +0: a diagonal of -0 gives +0 there, -0 at orders 3 to 6.
 TEST(MeasuresValues, TraceOrderOfAdditions) {
     for (int step : {1, 2}) {
         std::vector<float> a(50, std::nanf(""));  // only the diagonal is read
         for (int i = 0; i < 5; ++i) a[(i * 5 + i) * step] = i == 4 ? 1.0f : 0x1p-24f;
-        EXPECT_EQ(trace_of(a, 5, step), step == 1 ? 1.0f + 0x1p-22f : 1.0f);
+        EXPECT_EQ(one("Trace_m", "S", a, 5, 5, step), step == 1 ? 1.0f + 0x1p-22f : 1.0f);
     }
-    for (int n : {1, 2, 3, 6, 7}) {
-        std::vector<double> z(n * n, -0.0);
-        EXPECT_EQ(std::signbit(trace_of(z, n, 1)), n >= 3 && n <= 6) << n;
-    }
+    for (int n : {1, 2, 3, 6, 7})
+        EXPECT_EQ(std::signbit(one("Trace_m", "P", std::vector<double>(n * n, -0.0), n)), n >= 3 && n <= 6) << n;
 }
 
-// A 1 by n matrix of the values, through the single or array form.
-template <class T> T frob(const std::string& lay, std::vector<T> v, bool single = true) {
-    T d = T(-99);
-    std::vector<const T*> table;
-    for (auto& x : v) table.push_back(&x);
-    Call<T> c(single ? "FrobNorm_m" : "FrobNorm_ma", lay);
-    c.ptr("dst") = &d;
-    const std::string E = std::to_string(sizeof(T));
-    if (lay == "P") c.ptr("src") = table.data(), c.set("srcRoiShift=0 srcStride0=" + E);
-    else if (lay == "L") c.ptr("src") = table.data(), c.set("srcRoiShift=0 srcStride1=64 srcStride2=" + E);
-    else c.ptr("src") = v.data(), c.set("srcStride0=64 srcStride1=64 srcStride2=" + E);
-    c.set("height=1 count=1 width=" + std::to_string(v.size()));
-    EXPECT_EQ(c.run(), StatusOk);
-    return d;
-}
 // The small-sum rule is on the sum of squares: at or below the tolerance
 // in the lane kernels, strictly below in the others, never in the 64f
 // single matrix of layout S.
 TEST(MeasuresValues, FrobNormSmallSums) {
-    EXPECT_EQ(frob<float>("S", {1e-04f}), 0.0f);
-    EXPECT_EQ(frob<double>("S", {1e-04}), 1e-04);
-    EXPECT_EQ(frob<double>("S", {1e-09}), 1e-09);
-    EXPECT_EQ(frob<double>("P", {1e-09}), 0.0);
-    EXPECT_EQ(frob<double>("S", {0.0, -0.0}), 0.0);
+    EXPECT_EQ(one<float>("FrobNorm_m", "S", {1e-04f}, 1), 0.0f);
+    EXPECT_EQ(one<double>("FrobNorm_m", "S", {1e-09}, 1), 1e-09);
+    EXPECT_EQ(one<double>("FrobNorm_m", "P", {1e-09}, 1), 0.0);
     // Sums of exactly the tolerance.
-    const float root = std::sqrt(0x1p-23f);
-    for (bool single : {true, false}) {
-        EXPECT_EQ(frob<float>("S", {0x1p-12f, 0x1p-12f}, single), 0.0f) << single;
-        EXPECT_EQ(frob<float>("P", {0x1p-12f, 0x1p-12f}, single), root) << single;
+    const std::vector<float> t32{0x1p-12f, 0x1p-12f};
+    const std::vector<double> t64(4, 0x1p-27);
+    for (const char* stem : {"FrobNorm_m", "FrobNorm_ma"}) {
+        EXPECT_EQ(one(stem, "S", t32, 2, 1), 0.0f) << stem;
+        EXPECT_EQ(one(stem, "P", t32, 2, 1), std::sqrt(0x1p-23f)) << stem;
     }
-    EXPECT_EQ(frob<float>("L", {0x1p-12f, 0x1p-12f}, false), root);
-    EXPECT_EQ(frob<double>("S", {0x1p-27, 0x1p-27, 0x1p-27, 0x1p-27}, false), 0.0);
-    EXPECT_EQ(frob<double>("L", {0x1p-27, 0x1p-27, 0x1p-27, 0x1p-27}, false), std::sqrt(0x1p-52));
+    EXPECT_EQ(one("FrobNorm_ma", "L", t32, 2, 1), std::sqrt(0x1p-23f));
+    EXPECT_EQ(one("FrobNorm_ma", "S", t64, 4, 1), 0.0);
+    EXPECT_EQ(one("FrobNorm_ma", "L", t64, 4, 1), std::sqrt(0x1p-52));
     // The refined root passes infinity.
-    EXPECT_EQ(frob<float>("S", {3e38f, 1.0f}), std::numeric_limits<float>::infinity());
+    EXPECT_EQ(one<float>("FrobNorm_m", "S", {3e38f, 1.0f}, 2, 1), std::numeric_limits<float>::infinity());
 }
 
 }  // namespace

@@ -22,29 +22,29 @@ template <class T, class X> T trace(const X& x, int n, bool strided) {
 
 // Laplace expansion along the last row of rows 0 .. k-1 on `cols`,
 // recursively, terms from the last column to the first with alternating
-// signs. With `quirks`, the two minors of order 6 that take their terms in
-// another order.
-template <class T, class X> T laplace(const X& x, const std::vector<int>& cols, int order, bool quirks) {
+// signs; but the two minors of order 6 that take their terms in another
+// order.
+template <class T, class X> T laplace(const X& x, const std::vector<int>& cols, int order) {
     const int k = int(cols.size());
     if (k == 1) return x(0, cols[0]);
     std::vector<int> pick, sign;
     for (int i = k - 1; i >= 0; --i) pick.push_back(i), sign.push_back((k - 1 - i) % 2 ? -1 : 1);
-    if (quirks && order == 6 && cols == std::vector<int>{0, 1, 3, 4, 5})
+    if (order == 6 && cols == std::vector<int>{0, 1, 3, 4, 5})
         pick = {4, 2, 3, 1, 0}, sign = {1, 1, -1, -1, 1};
-    if (quirks && order == 6 && k == 6) pick = {5, 4, 3, 2, 0, 1}, sign = {1, -1, 1, -1, -1, 1};
+    if (order == 6 && k == 6) pick = {5, 4, 3, 2, 0, 1}, sign = {1, -1, 1, -1, -1, 1};
     T s = 0;
     for (int t = 0; t < k; ++t) {
         std::vector<int> rest = cols;
         rest.erase(rest.begin() + pick[t]);
-        const T term = x(k - 1, cols[pick[t]]) * laplace<T>(x, rest, order, quirks);
+        const T term = x(k - 1, cols[pick[t]]) * laplace<T>(x, rest, order);
         s = t == 0 ? term : sign[t] > 0 ? s + term : s - term;
     }
     return s;
 }
-template <class T, class X> T det_closed(const X& x, int n, bool quirks = true) {
+template <class T, class X> T det_closed(const X& x, int n) {
     std::vector<int> cols;
     for (int c = 0; c < n; ++c) cols.push_back(c);
-    return laplace<T>(x, cols, n, quirks);
+    return laplace<T>(x, cols, n);
 }
 
 // Elimination with partial pivoting through a row table: strict test inside
@@ -78,10 +78,11 @@ template <class T, class X> T det(const X& x, int n) {
 }
 
 // Sums of squares in the orders that bind their bits.
+// Running sum, in T, or in a wider type for the lane kernels.
 template <class T, class X> T squares_running(const X& x, int w, int h) {
     T s = 0;
     for (int r = 0; r < h; ++r)
-        for (int c = 0; c < w; ++c) s = s + x(r, c) * x(r, c);
+        for (int c = 0; c < w; ++c) s = s + T(x(r, c)) * T(x(r, c));
     return s;
 }
 template <class T, class X> T squares_pairs(const X& x, int w, int h) {
@@ -94,12 +95,4 @@ template <class T, class X> T squares_pairs(const X& x, int w, int h) {
     if (i < v.size()) s = s + v[i];
     return s;
 }
-// The sum of squares in long double, for the lane kernels.
-template <class X> long double squares_exactish(const X& x, int w, int h) {
-    long double s = 0;
-    for (int r = 0; r < h; ++r)
-        for (int c = 0; c < w; ++c) s += (long double)x(r, c) * x(r, c);
-    return s;
-}
-
 }  // namespace orsmtest::ref
