@@ -60,6 +60,21 @@ void mam_batch(int n, const float* a, const float* b, float* c, long count);
 void mam_batch(int n, const double* a, const double* b, double* c, long count);
 }  // namespace xsmm
 
+// Solvers over arrays of small systems (peer_solvers.cpp): Eigen fixed-size
+// decompositions in a loop, and LAPACK called once per matrix. a: count
+// row-major n by n matrices; b: count vectors of n (solves only); out: one
+// vector (solves, eigenvalues in descending order), one matrix (inverse) or
+// one scalar (det) per object.
+namespace solvers {
+enum class Op { lu_solve, det, inverse, chol_solve, qr_solve, eigvals };
+bool eigen_available();
+bool lapack_available();
+void eigen(Op op, int n, const float* a, const float* b, float* out, long count);
+void eigen(Op op, int n, const double* a, const double* b, double* out, long count);
+void lapack(Op op, int n, const float* a, const float* b, float* out, long count);
+void lapack(Op op, int n, const double* a, const double* b, double* out, long count);
+}  // namespace solvers
+
 // Machine reference, built with -O3 -march=native.
 namespace machine {
 // Seconds for one pass of each kernel over len doubles.

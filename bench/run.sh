@@ -19,6 +19,7 @@ build=${ORSM_BENCH_BUILD:-$root/build-bench}
 missing=()
 [ -f /usr/include/eigen3/Eigen/Core ] || missing+=(libeigen3-dev)
 [ -f /usr/include/libxsmm.h ] || missing+=(libxsmm-dev)
+ls /usr/lib/*/libopenblas.so >/dev/null 2>&1 || missing+=(libopenblas-dev)
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
     echo "bench: installing ${missing[*]}"
@@ -31,6 +32,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   fi
 fi
 
+# The per-matrix LAPACK peer runs on one thread, like every other row.
+export OPENBLAS_NUM_THREADS=${OPENBLAS_NUM_THREADS:-1}
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DORSM_BUILD_BENCH=ON \
       -DORSM_BUILD_TESTS=OFF -DORSM_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)" --target orsm_bench >/dev/null
