@@ -212,6 +212,52 @@ TYPED_TEST(LU, DecompBitExactWithFailuresInPlace) {
                     }
 }
 
+// Packed arrays factor groups of objects side by side: counts around the
+// group sizes of every target, a singular object in the first group, a
+// later one or the tail, and dst on src.
+TYPED_TEST(LU, DecompGroupsAsOneByOne) {
+    unsigned seed = 500;
+    for (int N = 3; N <= 6; ++N)
+        for (int count : {15, 17, 37})
+            for (int bad : {-1, 1, 18, 36})
+                for (bool in_place : {false, true}) {
+                    std::vector<std::pair<int, int>> zeros;
+                    if (bad >= 0 && bad < count) zeros.push_back({bad, N - 2});
+                    Decomp<TypeParam> t(decomp_fns[2], N, count, Mode{}, seed++, zeros, in_place);
+                    EXPECT_EQ(t.c.run(), t.model({{0, t.count}})) << t.where;
+                    EXPECT_TRUE(t.check()) << t.where << " singular " << bad << (in_place ? " in place" : "");
+                }
+}
+
+// dst one object past src: each object is written over the next one's
+// source before that is read, as calls on one object at a time would do.
+TYPED_TEST(LU, DecompOverlapAsOneByOne) {
+    using T = TypeParam;
+    const int E = sizeof(T);
+    Values<T> v(21, 0);
+    for (int N = 3; N <= 6; ++N) {
+        const int count = 37, NN = N * N;
+        Mat<T> a((count + 1) * NN);
+        for (auto& x : a) x = v();
+        Mat<T> b = a;
+        std::vector<int> qa(count * N, -1), qb = qa;
+        OrsStatus st;
+        if constexpr (sizeof(T) == 4)
+            st = orsmLUDecomp_ma_32f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E, E, N, count);
+        else
+            st = orsmLUDecomp_ma_64f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E, E, N, count);
+        OrsStatus want = StatusOk;
+        for (int n = 0; n < count && want == StatusOk; ++n) {
+            T *s = b.data() + n * NN, *d = s + NN;
+            if constexpr (sizeof(T) == 4) want = orsmLUDecomp_m_32f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
+            else want = orsmLUDecomp_m_64f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
+        }
+        EXPECT_EQ(st, want) << N;
+        EXPECT_TRUE(same(a, b, 0)) << N;
+        EXPECT_EQ(qa, qb) << N;
+    }
+}
+
 // Worked examples: rows, then the status, table and dst (prefilled with 9s)
 // a contiguous single-matrix call must give.
 TYPED_TEST(LU, DecompQuirksByExample) {
@@ -254,6 +300,23 @@ TYPED_TEST(LU, DecompQuirksByExample) {
         EXPECT_EQ(st, x.st) << x.a[0] << " size " << N;
         EXPECT_EQ(q, x.q) << x.a[0] << " size " << N;
         EXPECT_EQ(d, x.d) << x.a[0] << " size " << N;
+        // The same object over a packed array, which runs in groups: every
+        // object as the single call, or a failure at the first one.
+        const int count = 37, NN = N * N;
+        Mat<T> as, ds(count * NN, T(9));
+        std::vector<int> qs(count * N, -1);
+        for (int n = 0; n < count; ++n) as.insert(as.end(), x.a.begin(), x.a.end());
+        if constexpr (sizeof(T) == 4)
+            st = orsmLUDecomp_ma_32f(as.data(), NN * E, N * E, E, qs.data(), ds.data(), NN * E, N * E, E, N, count);
+        else
+            st = orsmLUDecomp_ma_64f(as.data(), NN * E, N * E, E, qs.data(), ds.data(), NN * E, N * E, E, N, count);
+        EXPECT_EQ(st, x.st) << x.a[0] << " size " << N << " array";
+        for (int n = 0; n < count; ++n) {
+            const bool done = n == 0 || x.st == StatusOk;
+            EXPECT_EQ(Mat<T>(&ds[n * NN], &ds[n * NN] + NN), done ? x.d : Mat<T>(NN, T(9))) << x.a[0] << " " << n;
+            EXPECT_EQ(std::vector<int>(&qs[n * N], &qs[n * N] + N), done ? x.q : std::vector<int>(N, -1))
+                << x.a[0] << " " << n;
+        }
     }
 }
 
@@ -317,6 +380,20 @@ TYPED_TEST(LU, BackSubstBitExact) {
                     EXPECT_EQ(t.c.run(), StatusOk) << t.where;
                     EXPECT_TRUE(t.check(t.count)) << t.where << " variant " << variant;
                 }
+}
+
+// Packed systems with a factor each are solved in groups side by side:
+// counts around the group sizes, dst on src2, a zero pivot.
+TYPED_TEST(LU, BackSubstGroupsAsOneByOne) {
+    unsigned seed = 600;
+    for (int N = 3; N <= 6; ++N)
+        for (int count : {7, 9, 37})
+            for (int variant = 0; variant < 3; ++variant) {
+                Back<TypeParam> t({"LUBackSubst_mava", Layout::S}, N, count, Mode{}, seed++, variant == 1,
+                                  variant == 2 ? N / 2 : -1);
+                EXPECT_EQ(t.c.run(), StatusOk) << t.where;
+                EXPECT_TRUE(t.check(t.count)) << t.where << " variant " << variant;
+            }
 }
 
 // A x = b through both families leaves a small residual on both kinds of

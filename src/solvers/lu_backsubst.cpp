@@ -18,6 +18,7 @@
 
 #include "common/checks.hpp"
 #include "common/parallel.hpp"
+#include "solvers/lu_fast.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve {
@@ -77,7 +78,21 @@ void solve_general(const A& a, int na, const int* q, const B& b, const D& d, int
 // Systems 0 .. count-1. With ManyFactors each has its own matrix and its own
 // table run (mava); otherwise one factor serves every vector and a size path
 // reads it once for all of them.
-template <bool ManyFactors, class A, class B, class D>
+// Packed arrays in layout S with a factor per system run their size paths
+// over groups of systems first (lu_fast.hpp).
+template <int N, class A, class B, class D> int backsubst_groups(const A& a, const int* index, const B& b,
+                                                                 const D& d, int count) {
+    using T = Plain<typename D::value_type>;
+    const LuKernels<T>& k = lu_kernels<T>();
+    const SolveGroup<T> g{{a.base, a.s0, a.s1}, index, {b.base, b.s0, 0}, {d.base, d.s0, 0}};
+    const auto fn = k.solve[N - 3];
+    if (fn == nullptr || count < k.solve_lanes || !groups_safe(g, N, count)) return 0;
+    const int done = count / k.solve_lanes * k.solve_lanes;
+    for (int n = 0; n < done; n += k.solve_lanes) fn(g, n);
+    return done;
+}
+
+template <bool ManyFactors, Kind K, class A, class B, class D>
 OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d, int size, int count) {
     using T = Plain<typename D::value_type>;
     by_order(size, [&](auto order) {
@@ -87,7 +102,9 @@ OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d,
                 solve_general(a, ManyFactors ? n : 0, index + (ManyFactors ? ptrdiff_t(n) * size : 0), b, d, n,
                               size);
         } else if constexpr (ManyFactors) {
-            for (int n = 0; n < count; ++n) {
+            int n = 0;
+            if constexpr (K == Kind::S) n = backsubst_groups<N>(a, index, b, d, count);
+            for (; n < count; ++n) {
                 Factor<N, T> f;
                 f.load(a, n, index + ptrdiff_t(n) * N);
                 solve_fixed(f, b, d, n);
@@ -118,8 +135,8 @@ OrsStatus backsubst_frame(OrsStatus st, const A& a, const int* index, const B& b
     constexpr bool many = form == Form::mava;
     return dispatch(backsubst_work(form, size, count), backsubst_limit(form), count, [&](int f, int k) {
         return with_kind<Lay, T>(
-            [&](auto, const auto& af, const auto& bf, const auto& df) {
-                return backsubst_kernel<many>(af, index + (many ? ptrdiff_t(f) * size : 0), bf, df, size, k);
+            [&](auto kind, const auto& af, const auto& bf, const auto& df) {
+                return backsubst_kernel<many, decltype(kind)::value>(af, index + (many ? ptrdiff_t(f) * size : 0), bf, df, size, k);
             },
             a.object(f), b.object(f), d.object(f));
     });

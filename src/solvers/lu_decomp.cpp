@@ -23,6 +23,7 @@
 
 #include "common/checks.hpp"
 #include "common/parallel.hpp"
+#include "solvers/lu_fast.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve {
@@ -115,13 +116,30 @@ OrsStatus decomp_general(const Src& s, const Dst& d, int n, int* index, int size
     return mag(d(n, index[size - 1], size - 1)) <= epsilon<T> ? StatusSingular : StatusOk;
 }
 
+// Packed arrays in layout S run their size paths over groups of objects
+// first (lu_fast.hpp); the scalar path takes over at the first group that
+// holds a singular object, and for the objects past the last whole group.
+template <int N, class Src, class Dst> int decomp_groups(const Src& s, const Dst& d, int* index, int count) {
+    using T = Plain<typename Dst::value_type>;
+    const LuKernels<T>& k = lu_kernels<T>();
+    const DecompGroup<T> g{{s.base, s.s0, s.s1}, {d.base, d.s0, d.s1}, index};
+    const auto fn = k.decomp[N - 3];
+    const int lanes = k.decomp_lanes;
+    int n = 0;
+    if (fn == nullptr || count < lanes || !groups_safe(g, N, count)) return 0;
+    while (n + lanes <= count && fn(g, n)) n += lanes;
+    return n;
+}
+
 // Objects in order; the first singular one ends the call, leaving the later
 // ones untouched.
 template <Kind K, class Src, class Dst>
 OrsStatus decomp_kernel(const Src& s, const Dst& d, int* index, int size, int count) {
     return by_order(size, [&](auto order) -> OrsStatus {
         constexpr int N = decltype(order)::value;
-        for (int n = 0; n < count; ++n) {
+        int n = 0;
+        if constexpr (K == Kind::S && N != 0) n = decomp_groups<N>(s, d, index, count);
+        for (; n < count; ++n) {
             OrsStatus st;
             if constexpr (N == 0) {
                 // The strided S kernel's general loop gives every object the
