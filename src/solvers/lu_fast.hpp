@@ -14,21 +14,12 @@
 #pragma once
 
 #include "common/base.hpp"
+#include "kernels/groups.hpp"
 #include "kernels/isa.hpp"
 
 namespace orsm::solve {
 
-// A packed S operand: object n at base + n*s0, row r at + r*s1, elements
-// one element apart.
-template <class T> struct Packed {
-    T* base;
-    ptrdiff_t s0, s1;
-    // The bytes of objects [0, count) of `rows` rows of N elements.
-    const char* lo() const { return reinterpret_cast<const char*>(base); }
-    const char* hi(int count, int rows, int N) const {
-        return lo() + (count - 1) * s0 + (rows - 1) * s1 + N * ptrdiff_t(sizeof(T));
-    }
-};
+using groups::Packed;
 
 template <class T> struct DecompGroup {
     Packed<const T> src;
@@ -62,32 +53,20 @@ extern const LuTable lu_table_sse2, lu_table_avx2, lu_table_avx512;
 inline const LuTable* const kLuTables[isa::kTargets] = {&lu_table_sse2, &lu_table_avx2, &lu_table_avx512};
 template <class T> const LuKernels<T>& lu_kernels() { return isa::select(kLuTables).template of<T>(); }
 
-// Whether reading a group whole before writing it gives the scalar path's
-// results: what a call writes is clear of what it reads, but for a source
-// rewritten in place object by object (dst on it with the same strides,
-// objects not overlapping each other), which the scalar path too reads
-// whole before writing.
-template <class T> bool in_place(const Packed<const T>& s, const Packed<T>& d, int rows, int N) {
-    return s.lo() == d.lo() && s.s0 == d.s0 && (rows == 1 || (s.s1 == d.s1 && s.s1 >= N * ptrdiff_t(sizeof(T)))) &&
-           s.s0 >= (rows - 1) * s.s1 + N * ptrdiff_t(sizeof(T));
-}
-inline bool meet(const char* alo, const char* ahi, const char* blo, const char* bhi) {
-    return alo < bhi && blo < ahi;
-}
+// Whether groups give the scalar path's results (kernels/groups.hpp): the
+// tables are written apart from everything read, and so is dst, or it
+// rewrites its source in place.
 template <class T> bool groups_safe(const DecompGroup<T>& g, int N, int count) {
-    const char* ilo = reinterpret_cast<const char*>(g.index);
-    const char* ihi = reinterpret_cast<const char*>(g.index + ptrdiff_t(count) * N);
-    const char *slo = g.src.lo(), *shi = g.src.hi(count, N, N), *dlo = g.dst.lo(), *dhi = g.dst.hi(count, N, N);
-    if (meet(ilo, ihi, slo, shi) || meet(ilo, ihi, dlo, dhi)) return false;
-    return !meet(slo, shi, dlo, dhi) || in_place(g.src, g.dst, N, N);
+    using groups::Bytes;
+    const Bytes idx = Bytes::of(g.index, ptrdiff_t(count) * N), s = Bytes::of(g.src, count, N, N),
+                d = Bytes::of(g.dst, count, N, N);
+    return !idx.meets(s) && !idx.meets(d) && (!s.meets(d) || groups::in_place(g.src, g.dst, N, N));
 }
 template <class T> bool groups_safe(const SolveGroup<T>& g, int N, int count) {
-    const char* ilo = reinterpret_cast<const char*>(g.index);
-    const char* ihi = reinterpret_cast<const char*>(g.index + ptrdiff_t(count) * N);
-    const char *alo = g.a.lo(), *ahi = g.a.hi(count, N, N), *blo = g.b.lo(), *bhi = g.b.hi(count, 1, N);
-    const char *dlo = g.d.lo(), *dhi = g.d.hi(count, 1, N);
-    if (meet(dlo, dhi, ilo, ihi) || meet(dlo, dhi, alo, ahi)) return false;
-    return !meet(dlo, dhi, blo, bhi) || in_place(g.b, g.d, 1, N);
+    using groups::Bytes;
+    const Bytes idx = Bytes::of(g.index, ptrdiff_t(count) * N), a = Bytes::of(g.a, count, N, N),
+                b = Bytes::of(g.b, count, 1, N), d = Bytes::of(g.d, count, 1, N);
+    return !d.meets(idx) && !d.meets(a) && (!d.meets(b) || groups::in_place(g.b, g.d, 1, N));
 }
 
 }  // namespace orsm::solve

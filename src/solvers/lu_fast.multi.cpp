@@ -9,33 +9,14 @@
 // through its table, so row i of the working set is always the table's row
 // i, and every lane chooses by masks what the scalar path chooses by
 // branches. The bits of every element are those of the scalar path.
-#include <limits>
-
-#include "kernels/vectors.hpp"
+#include "kernels/lanes.hpp"
 #include "solvers/lu_fast.hpp"
 
 namespace orsm::solve {
 namespace ORSM_TARGET {
 namespace {
 
-namespace vx = ::orsm::vec::ORSM_TARGET;
-using vx::Vec, vx::splat;
-
-template <class T> using IntOf = std::conditional_t<sizeof(T) == 4, std::int32_t, std::int64_t>;
-template <class T, int W> using V = Vec<T, W>;
-template <class T, int W> using VI = Vec<IntOf<T>, W>;
-
-template <class T, int W> ORSM_INLINE V<T, W> vabs(V<T, W> x) {
-    return (V<T, W>)((VI<T, W>)x & splat<VI<T, W>>(std::numeric_limits<IntOf<T>>::max()));
-}
-template <class T, int W> ORSM_INLINE bool any(VI<T, W> m) {
-    for (int l = 0; l < W; ++l)
-        if (m[l]) return true;
-    return false;
-}
-template <class T> ORSM_INLINE const T* at(const Packed<const T>& p, int n, ptrdiff_t r, int c) {
-    return byte_off(p.base, n * p.s0 + r * p.s1 + c * ptrdiff_t(sizeof(T)));
-}
+using namespace ::orsm::lanes::ORSM_TARGET;
 
 // ---- LUDecomp ----------------------------------------------------------------------
 
@@ -45,11 +26,7 @@ template <class T, int N, int W> bool decomp(const DecompGroup<T>& g, int first)
     constexpr T eps = std::numeric_limits<T>::epsilon();
     Vt w[N][N];
     Vi q[N];
-    // Element by element: on the processors measured, a lane at a time
-    // beats the gather instructions.
-    for (int r = 0; r < N; ++r)
-        for (int c = 0; c < N; ++c)
-            for (int l = 0; l < W; ++l) w[r][c][l] = *at(g.src, first + l, r, c);
+    load<W>(w, g.src, first);
     for (int i = 0; i < N; ++i) q[i] = splat<Vi>(IntOf<T>(i));
     Vi bad = splat<Vi>(IntOf<T>(0));
     for (int k = 0; k < N - 1; ++k) {
@@ -110,7 +87,7 @@ template <class T, int N, int W> void solve(const SolveGroup<T>& g, int first) {
         const int* q = g.index + ptrdiff_t(n) * N;
         const T* b = byte_off(g.b.base, n * g.b.s0);
         for (int i = 0; i < N; ++i) {
-            const T* row = at(g.a, n, q[i], 0);
+            const T* row = byte_off(g.a.base, n * g.a.s0 + q[i] * g.a.s1);
             for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
             y[i][l] = b[q[i]];
         }
