@@ -212,50 +212,64 @@ TYPED_TEST(LU, DecompBitExactWithFailuresInPlace) {
                     }
 }
 
-// Packed arrays factor groups of objects side by side: counts around the
-// group sizes of every target, a singular object in the first group, a
-// later one or the tail, and dst on src.
+// Contiguous S and L arrays factor groups of objects side by side: counts
+// around the group sizes of every target, a singular object in the first
+// group, a later one or the tail, and dst on src. One thread: a failure
+// ends the whole call.
 TYPED_TEST(LU, DecompGroupsAsOneByOne) {
     unsigned seed = 500;
+    ThreadCount one(1);
+    for (const Fn& f : {decomp_fns[2], decomp_fns[4]})
     for (int N = 3; N <= 6; ++N)
         for (int count : {15, 17, 37})
             for (int bad : {-1, 1, 18, 36})
                 for (bool in_place : {false, true}) {
                     std::vector<std::pair<int, int>> zeros;
                     if (bad >= 0 && bad < count) zeros.push_back({bad, N - 2});
-                    Decomp<TypeParam> t(decomp_fns[2], N, count, Mode{}, seed++, zeros, in_place);
+                    Decomp<TypeParam> t(f, N, count, Mode{}, seed++, zeros, in_place);
                     EXPECT_EQ(t.c.run(), t.model({{0, t.count}})) << t.where;
                     EXPECT_TRUE(t.check()) << t.where << " singular " << bad << (in_place ? " in place" : "");
                 }
 }
 
-// dst one object past src: each object is written over the next one's
-// source before that is read, as calls on one object at a time would do.
+// Objects that overlap what other objects of the call write: dst one object
+// past src in layout S, and in layout L objects in place one row apart.
+// Each object is written before the next one is read, as calls on one
+// object at a time would do.
 TYPED_TEST(LU, DecompOverlapAsOneByOne) {
     using T = TypeParam;
     const int E = sizeof(T);
     Values<T> v(21, 0);
-    for (int N = 3; N <= 6; ++N) {
-        const int count = 37, NN = N * N;
-        Mat<T> a((count + 1) * NN);
-        for (auto& x : a) x = v();
-        Mat<T> b = a;
-        std::vector<int> qa(count * N, -1), qb = qa;
-        OrsStatus st;
-        if constexpr (sizeof(T) == 4)
-            st = orsmLUDecomp_ma_32f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E, E, N, count);
-        else
-            st = orsmLUDecomp_ma_64f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E, E, N, count);
-        OrsStatus want = StatusOk;
-        for (int n = 0; n < count && want == StatusOk; ++n) {
-            T *s = b.data() + n * NN, *d = s + NN;
-            if constexpr (sizeof(T) == 4) want = orsmLUDecomp_m_32f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
-            else want = orsmLUDecomp_m_64f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
+    ThreadCount one(1);
+    for (bool list : {false, true})
+        for (int N = 3; N <= 6; ++N) {
+            const int count = 37, NN = N * N, step = list ? N : NN;
+            Mat<T> a((count + 1) * NN);
+            for (auto& x : a) x = v();
+            Mat<T> b = a;
+            std::vector<int> qa(count * N, -1), qb = qa;
+            std::vector<T*> objs(count);
+            for (int n = 0; n < count; ++n) objs[n] = a.data() + n * step;
+            const T* const* srcs = objs.data();
+            OrsStatus st;
+            if constexpr (sizeof(T) == 4)
+                st = list ? orsmLUDecomp_ma_32f_L(srcs, 0, N * E, E, qa.data(), objs.data(), 0, N * E, E, N, count)
+                          : orsmLUDecomp_ma_32f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E,
+                                                E, N, count);
+            else
+                st = list ? orsmLUDecomp_ma_64f_L(srcs, 0, N * E, E, qa.data(), objs.data(), 0, N * E, E, N, count)
+                          : orsmLUDecomp_ma_64f(a.data(), NN * E, N * E, E, qa.data(), a.data() + NN, NN * E, N * E,
+                                                E, N, count);
+            OrsStatus want = StatusOk;
+            for (int n = 0; n < count && want == StatusOk; ++n) {
+                T *s = b.data() + n * step, *d = list ? s : s + NN;
+                if constexpr (sizeof(T) == 4) want = orsmLUDecomp_m_32f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
+                else want = orsmLUDecomp_m_64f(s, N * E, E, qb.data() + n * N, d, N * E, E, N);
+            }
+            EXPECT_EQ(st, want) << N << (list ? " L" : " S");
+            EXPECT_TRUE(same(a, b, 0)) << N << (list ? " L" : " S");
+            EXPECT_EQ(qa, qb) << N << (list ? " L" : " S");
         }
-        EXPECT_EQ(st, want) << N;
-        EXPECT_TRUE(same(a, b, 0)) << N;
-        EXPECT_EQ(qa, qb) << N;
-    }
 }
 
 // Worked examples: rows, then the status, table and dst (prefilled with 9s)
@@ -382,14 +396,15 @@ TYPED_TEST(LU, BackSubstBitExact) {
                 }
 }
 
-// Packed systems with a factor each are solved in groups side by side:
-// counts around the group sizes, dst on src2, a zero pivot.
+// Contiguous S and L systems with a factor each are solved in groups side by
+// side: counts around the group sizes, dst on src2, a zero pivot.
 TYPED_TEST(LU, BackSubstGroupsAsOneByOne) {
     unsigned seed = 600;
+    for (Layout lay : {Layout::S, Layout::L})
     for (int N = 3; N <= 6; ++N)
         for (int count : {7, 9, 37})
             for (int variant = 0; variant < 3; ++variant) {
-                Back<TypeParam> t({"LUBackSubst_mava", Layout::S}, N, count, Mode{}, seed++, variant == 1,
+                Back<TypeParam> t({"LUBackSubst_mava", lay}, N, count, Mode{}, seed++, variant == 1,
                                   variant == 2 ? N / 2 : -1);
                 EXPECT_EQ(t.c.run(), StatusOk) << t.where;
                 EXPECT_TRUE(t.check(t.count)) << t.where << " variant " << variant;

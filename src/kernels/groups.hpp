@@ -1,49 +1,101 @@
 // Groups of objects side by side: the frame's half of the fast paths whose
 // vector lanes run over objects (kernels/lanes.hpp holds the kernels' half).
 //
-// Such a kernel reads all objects of a group before it writes any, where the
-// scalar path finishes one object before it reads the next. The two give the
-// same results only when nothing a call writes meets what it reads from
-// another object; a frame takes the groups only when the tests here say so.
+// Such a kernel reads all W objects of a group before it writes any, where
+// the scalar path finishes one object before it reads the next, and it
+// writes the group's objects in their order. The two give the same results
+// when nothing the group writes meets what it reads of another of its
+// objects; a frame hands a group to the fast kernel only when `apart` (or
+// `in_place`) says so, and runs the scalar path on it otherwise.
 #pragma once
+
+#include <algorithm>
 
 #include "common/base.hpp"
 
 namespace orsm::groups {
 
-// A packed S operand: object n at base + n*s0, row r at + r*s1, elements
-// one element apart (a vector: one row, s1 unused).
-template <class T> struct Packed {
+// The objects of an operand in layout S (object n at base + n*s0) or L
+// (table[n] + shift), rows s1 apart, elements one element apart.
+template <class T> struct Strided {
     T* base;
     ptrdiff_t s0, s1;
-    const char* lo() const { return reinterpret_cast<const char*>(base); }
-    // One past the last byte of objects [0, count) of `rows` rows of `cols`.
-    const char* hi(int count, int rows, int cols) const {
-        return lo() + (count - 1) * s0 + (rows - 1) * s1 + cols * ptrdiff_t(sizeof(T));
-    }
+    ORSM_INLINE T* obj(int n) const { return byte_off(base, n * s0); }
+};
+template <class T> struct Listed {
+    T* const* table;
+    ptrdiff_t shift, s1;
+    ORSM_INLINE T* obj(int n) const { return byte_off(table[n], shift); }
 };
 
-// The bytes of `count` runs of `per` elements one after another.
+// A range of bytes.
 struct Bytes {
     const char* lo;
     const char* hi;
+    bool meets(Bytes o) const { return lo < o.hi && o.lo < hi; }
     template <class T> static Bytes of(const T* p, ptrdiff_t elems) {
         const char* c = reinterpret_cast<const char*>(p);
         return {c, c + elems * ptrdiff_t(sizeof(T))};
     }
-    template <class T> static Bytes of(const Packed<T>& p, int count, int rows, int cols) {
-        return {p.lo(), p.hi(count, rows, cols)};
-    }
-    bool meets(Bytes o) const { return lo < o.hi && o.lo < hi; }
 };
 
-// dst rewrites src in place object by object: the same place and strides,
-// rows and objects apart. The scalar path too reads such an object whole
-// before it writes it, so groups give its results.
-template <class T> bool in_place(const Packed<const T>& s, const Packed<T>& d, int rows, int cols) {
+// Bytes of one object of `rows` rows of `cols` elements.
+template <class O> ptrdiff_t extent(const O& o, int rows, int cols) {
+    return (rows - 1) * o.s1 + cols * ptrdiff_t(sizeof(*o.obj(0)));
+}
+// The hull of objects [first, first + k).
+template <class T> Bytes hull(const Strided<T>& o, int first, int k, int rows, int cols) {
+    const char* lo = reinterpret_cast<const char*>(o.obj(first));
+    return {lo, reinterpret_cast<const char*>(o.obj(first + k - 1)) + extent(o, rows, cols)};
+}
+template <class T> Bytes hull(const Listed<T>& o, int first, int k, int rows, int cols) {
+    const char *lo = reinterpret_cast<const char*>(o.obj(first)), *hi = lo;
+    for (int n = first + 1; n < first + k; ++n) {
+        const char* p = reinterpret_cast<const char*>(o.obj(n));
+        lo = p < lo ? p : lo;
+        hi = p > hi ? p : hi;
+    }
+    return {lo, hi + extent(o, rows, cols)};
+}
+
+// dst rewrites src in place object by object: the same objects and row
+// stride, no two objects overlapping. The scalar path too reads such an
+// object whole before it writes it.
+template <class T> bool in_place(const Strided<const T>& s, const Strided<T>& d, int, int, int rows, int cols) {
     const ptrdiff_t row = cols * ptrdiff_t(sizeof(T));
-    return s.lo() == d.lo() && s.s0 == d.s0 && (rows == 1 || (s.s1 == d.s1 && s.s1 >= row)) &&
-           s.s0 >= (rows - 1) * s.s1 + row;
+    return s.obj(0) == d.obj(0) && s.s0 == d.s0 && (rows == 1 || (s.s1 == d.s1 && s.s1 >= row)) &&
+           s.s0 >= extent(s, rows, cols);
+}
+template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, int first, int k, int rows,
+                                 int cols) {
+    if (rows > 1 && (s.s1 != d.s1 || s.s1 < cols * ptrdiff_t(sizeof(T)))) return false;
+    const char* at[64];
+    if (k > 64) return false;
+    for (int i = 0; i < k; ++i) {
+        if (s.obj(first + i) != d.obj(first + i)) return false;
+        at[i] = reinterpret_cast<const char*>(d.obj(first + i));
+    }
+    std::sort(at, at + k);
+    const ptrdiff_t e = extent(s, rows, cols);
+    for (int i = 1; i < k; ++i)
+        if (at[i] - at[i - 1] < e) return false;
+    return true;
+}
+
+// Runs objects [0, count) in order: W at a time where group(n) takes them
+// (returns true, having done them), else one(n) object by object up to the
+// next group. The first failing status of one() ends the run. W below 2:
+// no groups.
+template <class G, class O> ORSM_INLINE OrsStatus in_groups(int count, int W, G&& group, O&& one) {
+    for (int n = 0; n < count;) {
+        if (W > 1 && n + W <= count && group(n)) {
+            n += W;
+            continue;
+        }
+        for (const int end = W > 1 ? std::min(count, n + W) : count; n < end; ++n)
+            if (const OrsStatus st = one(n); st != StatusOk) return st;
+    }
+    return StatusOk;
 }
 
 }  // namespace orsm::groups

@@ -14,7 +14,6 @@ namespace {
 
 namespace vx = ::orsm::vec::ORSM_TARGET;
 using vx::splat;
-using groups::Packed;
 
 // The signed integer of T's width: the lanes of a comparison's mask.
 template <class T> using IntOf = std::conditional_t<sizeof(T) == 4, std::int32_t, std::int64_t>;
@@ -30,18 +29,19 @@ template <class T, int W> ORSM_INLINE bool any(VI<T, W> m) {
     return false;
 }
 
-// Element (r, c) of objects first .. first + W - 1, a lane at a time: on the
-// processors measured that beats the gather instructions.
-template <int W, class T> ORSM_INLINE V<T, W> load(const Packed<const T>& p, int first, ptrdiff_t r, int c) {
+// Element (r, c) of objects first .. first + W - 1 of o (groups::Strided or
+// Listed), a lane at a time: on the processors measured that beats the
+// gather instructions, and a transpose of whole objects did no better.
+template <int W, class O> ORSM_INLINE auto load(const O& o, int first, ptrdiff_t r, int c) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
     V<T, W> v;
-    for (int l = 0; l < W; ++l) v[l] = *byte_off(p.base, (first + l) * p.s0 + r * p.s1 + c * ptrdiff_t(sizeof(T)));
+    for (int l = 0; l < W; ++l) v[l] = *byte_off(o.obj(first + l), r * o.s1 + c * ptrdiff_t(sizeof(T)));
     return v;
 }
-// A rows x cols block of each object into x[r][c].
-template <int W, int R, int C, class T> ORSM_INLINE void load(V<T, W> (&x)[R][C], const Packed<const T>& p,
-                                                             int first) {
+// An R x C block of each object into x[r][c].
+template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
     for (int r = 0; r < R; ++r)
-        for (int c = 0; c < C; ++c) x[r][c] = load<W>(p, first, r, c);
+        for (int c = 0; c < C; ++c) x[r][c] = load<W>(o, first, r, c);
 }
 
 }  // namespace

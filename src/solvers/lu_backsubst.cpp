@@ -78,19 +78,9 @@ void solve_general(const A& a, int na, const int* q, const B& b, const D& d, int
 // Systems 0 .. count-1. With ManyFactors each has its own matrix and its own
 // table run (mava); otherwise one factor serves every vector and a size path
 // reads it once for all of them.
-// Packed arrays in layout S with a factor per system run their size paths
-// over groups of systems first (lu_fast.hpp).
-template <int N, class A, class B, class D> int backsubst_groups(const A& a, const int* index, const B& b,
-                                                                 const D& d, int count) {
-    using T = Plain<typename D::value_type>;
-    const LuKernels<T>& k = lu_kernels<T>();
-    const SolveGroup<T> g{{a.base, a.s0, a.s1}, index, {b.base, b.s0, 0}, {d.base, d.s0, 0}};
-    const auto fn = k.solve[N - 3];
-    if (fn == nullptr || count < k.solve_lanes || !groups_safe(g, N, count)) return 0;
-    const int done = count / k.solve_lanes * k.solve_lanes;
-    for (int n = 0; n < done; n += k.solve_lanes) fn(g, n);
-    return done;
-}
+// The objects of a contiguous S or L accessor, for the fast paths.
+template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
+template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
 template <bool ManyFactors, Kind K, class A, class B, class D>
 OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d, int size, int count) {
@@ -102,12 +92,22 @@ OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d,
                 solve_general(a, ManyFactors ? n : 0, index + (ManyFactors ? ptrdiff_t(n) * size : 0), b, d, n,
                               size);
         } else if constexpr (ManyFactors) {
-            int n = 0;
-            if constexpr (K == Kind::S) n = backsubst_groups<N>(a, index, b, d, count);
-            for (; n < count; ++n) {
+            const auto one = [&](int n) {
                 Factor<N, T> f;
                 f.load(a, n, index + ptrdiff_t(n) * N);
                 solve_fixed(f, b, d, n);
+                return StatusOk;
+            };
+            // The contiguous S and L kernels solve groups of systems side by
+            // side where they can (lu_fast.hpp).
+            if constexpr (K == Kind::S || K == Kind::L) {
+                const LuKernels<T>& k = lu_kernels<T>();
+                const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
+                const auto fn = k.of(g, N);
+                const int W = fn ? k.solve_lanes : 1;
+                groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && (fn(g, n), true); }, one);
+            } else {
+                groups::in_groups(count, 1, [](int) { return false; }, one);
             }
         } else {
             Factor<N, T> f;

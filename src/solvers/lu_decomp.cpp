@@ -116,42 +116,37 @@ OrsStatus decomp_general(const Src& s, const Dst& d, int n, int* index, int size
     return mag(d(n, index[size - 1], size - 1)) <= epsilon<T> ? StatusSingular : StatusOk;
 }
 
-// Packed arrays in layout S run their size paths over groups of objects
-// first (lu_fast.hpp); the scalar path takes over at the first group that
-// holds a singular object, and for the objects past the last whole group.
-template <int N, class Src, class Dst> int decomp_groups(const Src& s, const Dst& d, int* index, int count) {
-    using T = Plain<typename Dst::value_type>;
-    const LuKernels<T>& k = lu_kernels<T>();
-    const DecompGroup<T> g{{s.base, s.s0, s.s1}, {d.base, d.s0, d.s1}, index};
-    const auto fn = k.decomp[N - 3];
-    const int lanes = k.decomp_lanes;
-    int n = 0;
-    if (fn == nullptr || count < lanes || !groups_safe(g, N, count)) return 0;
-    while (n + lanes <= count && fn(g, n)) n += lanes;
-    return n;
-}
+// The objects of a contiguous S or L accessor, for the fast paths.
+template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
+template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
 // Objects in order; the first singular one ends the call, leaving the later
-// ones untouched.
+// ones untouched. The contiguous S and L kernels run their size paths over
+// groups of objects side by side where they can (lu_fast.hpp).
 template <Kind K, class Src, class Dst>
 OrsStatus decomp_kernel(const Src& s, const Dst& d, int* index, int size, int count) {
+    using T = Plain<typename Dst::value_type>;
     return by_order(size, [&](auto order) -> OrsStatus {
         constexpr int N = decltype(order)::value;
-        int n = 0;
-        if constexpr (K == Kind::S && N != 0) n = decomp_groups<N>(s, d, index, count);
-        for (; n < count; ++n) {
-            OrsStatus st;
+        const auto one = [&](int n) {
             if constexpr (N == 0) {
                 // The strided S kernel's general loop gives every object the
                 // same table: it ends up holding the last object's.
                 int* idx = K == Kind::S2 ? index : index + ptrdiff_t(n) * size;
-                st = decomp_general(s, d, n, idx, size);
+                return decomp_general(s, d, n, idx, size);
             } else {
-                st = decomp_fixed<N, K == Kind::P>(s, d, n, index + ptrdiff_t(n) * N);
+                return decomp_fixed<N, K == Kind::P>(s, d, n, index + ptrdiff_t(n) * N);
             }
-            if (st != StatusOk) return st;
+        };
+        if constexpr (N != 0 && (K == Kind::S || K == Kind::L)) {
+            const LuKernels<T>& k = lu_kernels<T>();
+            const typename Groups<K == Kind::L>::template Decomp<T> g{objects(s), objects(d), index};
+            const auto fn = k.of(g, N);
+            const int W = fn ? k.decomp_lanes : 1;
+            return groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && fn(g, n); }, one);
+        } else {
+            return groups::in_groups(count, 1, [](int) { return false; }, one);
         }
-        return StatusOk;
     });
 }
 

@@ -1,16 +1,16 @@
-// Fast paths of LUDecomp and LUBackSubst over packed arrays in layout S: the
-// lanes of a vector run over objects, L consecutive objects (a group) at a
-// time, each lane doing exactly the scalar size path's operations on its own
-// object. They live in lu_fast.multi.cpp, compiled once per instruction-set
-// target; the frames pick the current target's table (kernels/isa.hpp).
+// Fast paths of LUDecomp and LUBackSubst over arrays in layouts S and L with
+// elements one element apart: the lanes of a vector run over objects, W
+// consecutive objects (a group) at a time, each lane doing exactly the
+// scalar size path's operations on its own object. They live in
+// lu_fast.multi.cpp, compiled once per instruction-set target; the frames
+// pick the current target's table (kernels/isa.hpp) and run the groups
+// through groups::in_groups.
 //
-// A group reads all its objects before it writes any, and writes only when
-// every lane has passed its tests. A group with a singular object writes
-// nothing and returns false: the frame then runs the scalar path on those
-// objects in order, which stops at the failing object and leaves dst as the
-// scalar path leaves it. Reading a whole group first changes nothing only
-// when dst cannot meet the sources of other objects: the frame takes the
-// groups only when `groups_safe` says so.
+// A factorisation group writes only when every lane has passed its tests;
+// one with a singular object writes nothing and returns false, and the
+// frame runs the scalar path on its objects, which stops at the failing one
+// and leaves dst as the scalar path leaves it. A frame hands over a group
+// only when reading it whole before writing it changes nothing (`safe`).
 #pragma once
 
 #include "common/base.hpp"
@@ -19,27 +19,48 @@
 
 namespace orsm::solve {
 
-using groups::Packed;
+using groups::Listed;
+using groups::Strided;
 
-template <class T> struct DecompGroup {
-    Packed<const T> src;
-    Packed<T> dst;
+// Operands of a group; Obj is groups::Strided (layout S) or Listed (L).
+template <class T, template <class> class Obj> struct DecompGroup {
+    Obj<const T> src;
+    Obj<T> dst;
     int* index;  // N entries per object
 };
-template <class T> struct SolveGroup {
-    Packed<const T> a;     // factors, one per object
-    const int* index;      // N entries per object
-    Packed<const T> b;     // vectors (s1 unused)
-    Packed<T> d;           // solutions (s1 unused)
+template <class T, template <class> class Obj> struct SolveGroup {
+    Obj<const T> a;     // factors, one per system
+    const int* index;   // N entries per system
+    Obj<const T> b;     // vectors (s1 unused)
+    Obj<T> d;           // solutions (s1 unused)
+};
+
+// The groups of the contiguous S and L kernels.
+template <bool List> struct Groups {
+    template <class T> using Decomp = DecompGroup<T, Strided>;
+    template <class T> using Solve = SolveGroup<T, Strided>;
+};
+template <> struct Groups<true> {
+    template <class T> using Decomp = DecompGroup<T, Listed>;
+    template <class T> using Solve = SolveGroup<T, Listed>;
 };
 
 template <class T> struct LuKernels {
-    // Objects first .. first+L-1; false (nothing written) if one is singular.
-    using DecompFn = bool (*)(const DecompGroup<T>&, int first);
-    using SolveFn = void (*)(const SolveGroup<T>&, int first);
-    int decomp_lanes, solve_lanes;  // objects in a group
-    DecompFn decomp[4];  // [order - 3]; null: the scalar path serves
-    SolveFn solve[4];
+    // Objects first .. first + W - 1; a factorisation returns false, having
+    // written nothing, if one of them is singular.
+    template <template <class> class Obj> using DecompFn = bool (*)(const DecompGroup<T, Obj>&, int first);
+    template <template <class> class Obj> using SolveFn = void (*)(const SolveGroup<T, Obj>&, int first);
+    int decomp_lanes, solve_lanes;  // W of each
+    // [order - 3]; null: the scalar path serves.
+    DecompFn<Strided> decomp_s[4];
+    DecompFn<Listed> decomp_l[4];
+    SolveFn<Strided> solve_s[4];
+    SolveFn<Listed> solve_l[4];
+    // The kernel of a group's layout.
+    DecompFn<Strided> of(const DecompGroup<T, Strided>&, int N) const { return decomp_s[N - 3]; }
+    DecompFn<Listed> of(const DecompGroup<T, Listed>&, int N) const { return decomp_l[N - 3]; }
+    SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
+    SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
 };
 struct LuTable {
     LuKernels<float> f32;
@@ -53,20 +74,22 @@ extern const LuTable lu_table_sse2, lu_table_avx2, lu_table_avx512;
 inline const LuTable* const kLuTables[isa::kTargets] = {&lu_table_sse2, &lu_table_avx2, &lu_table_avx512};
 template <class T> const LuKernels<T>& lu_kernels() { return isa::select(kLuTables).template of<T>(); }
 
-// Whether groups give the scalar path's results (kernels/groups.hpp): the
-// tables are written apart from everything read, and so is dst, or it
-// rewrites its source in place.
-template <class T> bool groups_safe(const DecompGroup<T>& g, int N, int count) {
+// Whether group [first, first + W) may run side by side: its tables apart
+// from its matrices, and its dst apart from its sources or rewriting them in
+// place object by object.
+template <class T, template <class> class Obj>
+bool safe(const DecompGroup<T, Obj>& g, int N, int first, int W) {
     using groups::Bytes;
-    const Bytes idx = Bytes::of(g.index, ptrdiff_t(count) * N), s = Bytes::of(g.src, count, N, N),
-                d = Bytes::of(g.dst, count, N, N);
-    return !idx.meets(s) && !idx.meets(d) && (!s.meets(d) || groups::in_place(g.src, g.dst, N, N));
+    const Bytes idx = Bytes::of(g.index + ptrdiff_t(first) * N, ptrdiff_t(W) * N);
+    const Bytes s = hull(g.src, first, W, N, N), d = hull(g.dst, first, W, N, N);
+    return !idx.meets(s) && !idx.meets(d) && (!s.meets(d) || in_place(g.src, g.dst, first, W, N, N));
 }
-template <class T> bool groups_safe(const SolveGroup<T>& g, int N, int count) {
+template <class T, template <class> class Obj>
+bool safe(const SolveGroup<T, Obj>& g, int N, int first, int W) {
     using groups::Bytes;
-    const Bytes idx = Bytes::of(g.index, ptrdiff_t(count) * N), a = Bytes::of(g.a, count, N, N),
-                b = Bytes::of(g.b, count, 1, N), d = Bytes::of(g.d, count, 1, N);
-    return !d.meets(idx) && !d.meets(a) && (!d.meets(b) || groups::in_place(g.b, g.d, 1, N));
+    const Bytes idx = Bytes::of(g.index + ptrdiff_t(first) * N, ptrdiff_t(W) * N);
+    const Bytes a = hull(g.a, first, W, N, N), b = hull(g.b, first, W, 1, N), d = hull(g.d, first, W, 1, N);
+    return !d.meets(idx) && !d.meets(a) && (!d.meets(b) || in_place(g.b, g.d, first, W, 1, N));
 }
 
 }  // namespace orsm::solve

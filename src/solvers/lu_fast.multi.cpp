@@ -20,7 +20,7 @@ using namespace ::orsm::lanes::ORSM_TARGET;
 
 // ---- LUDecomp ----------------------------------------------------------------------
 
-template <class T, int N, int W> bool decomp(const DecompGroup<T>& g, int first) {
+template <class T, int N, int W, template <class> class Obj> bool decomp(const DecompGroup<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     using Vi = VI<T, W>;
     constexpr T eps = std::numeric_limits<T>::epsilon();
@@ -65,7 +65,7 @@ template <class T, int N, int W> bool decomp(const DecompGroup<T>& g, int first)
     if (any<T, W>(bad)) return false;
     for (int l = 0; l < W; ++l) {
         const int n = first + l;
-        T* obj = byte_off(g.dst.base, n * g.dst.s0);
+        T* obj = g.dst.obj(n);
         int* idx = g.index + ptrdiff_t(n) * N;
         for (int i = 0; i < N; ++i) {
             const int row = int(q[i][l]);
@@ -79,15 +79,15 @@ template <class T, int N, int W> bool decomp(const DecompGroup<T>& g, int first)
 
 // ---- LUBackSubst -------------------------------------------------------------------
 
-template <class T, int N, int W> void solve(const SolveGroup<T>& g, int first) {
+template <class T, int N, int W, template <class> class Obj> void solve(const SolveGroup<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     Vt m[N][N], rcp[N], y[N];
     for (int l = 0; l < W; ++l) {
         const int n = first + l;
         const int* q = g.index + ptrdiff_t(n) * N;
-        const T* b = byte_off(g.b.base, n * g.b.s0);
+        const T* b = g.b.obj(n);
         for (int i = 0; i < N; ++i) {
-            const T* row = byte_off(g.a.base, n * g.a.s0 + q[i] * g.a.s1);
+            const T* row = byte_off(g.a.obj(n), q[i] * g.a.s1);
             for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
             y[i][l] = b[q[i]];
         }
@@ -104,7 +104,7 @@ template <class T, int N, int W> void solve(const SolveGroup<T>& g, int first) {
         y[i] = t * rcp[i];
     }
     for (int l = 0; l < W; ++l) {
-        T* d = byte_off(g.d.base, (first + l) * g.d.s0);
+        T* d = g.d.obj(first + l);
         for (int i = 0; i < N; ++i) d[i] = y[i][l];
     }
 }
@@ -115,15 +115,23 @@ template <class T, int N, int W> void solve(const SolveGroup<T>& g, int first) {
 // all for 32f orders 3 and 4 and 64f order 3, where the scalar path wins.
 template <class T> constexpr int kDecompLanes = vx::kLanes<T>;
 template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
-template <class T, int N> constexpr typename LuKernels<T>::SolveFn solve_fn() {
+template <class T, int N, template <class> class Obj>
+constexpr typename LuKernels<T>::template SolveFn<Obj> solve_fn() {
     if constexpr (N <= (sizeof(T) == 4 ? 4 : 3)) return nullptr;
-    else return &solve<T, N, kSolveLanes<T>>;
+    else return &solve<T, N, kSolveLanes<T>, Obj>;
 }
 template <class T> constexpr LuKernels<T> make() {
     constexpr int D = kDecompLanes<T>;
-    return {D, kSolveLanes<T>,
-            {&decomp<T, 3, D>, &decomp<T, 4, D>, &decomp<T, 5, D>, &decomp<T, 6, D>},
-            {solve_fn<T, 3>(), solve_fn<T, 4>(), solve_fn<T, 5>(), solve_fn<T, 6>()}};
+    return {D,
+            kSolveLanes<T>,
+            {&decomp<T, 3, D, Strided>, &decomp<T, 4, D, Strided>, &decomp<T, 5, D, Strided>,
+             &decomp<T, 6, D, Strided>},
+            {&decomp<T, 3, D, Listed>, &decomp<T, 4, D, Listed>, &decomp<T, 5, D, Listed>,
+             &decomp<T, 6, D, Listed>},
+            {solve_fn<T, 3, Strided>(), solve_fn<T, 4, Strided>(), solve_fn<T, 5, Strided>(),
+             solve_fn<T, 6, Strided>()},
+            {solve_fn<T, 3, Listed>(), solve_fn<T, 4, Listed>(), solve_fn<T, 5, Listed>(),
+             solve_fn<T, 6, Listed>()}};
 }
 
 }  // namespace
