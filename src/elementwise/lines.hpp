@@ -29,18 +29,11 @@ template <class T> struct RunTable {
     // (kernels/streaming.hpp); the same values as vv.
     void (*vv_streamed[kOps])(T* d, const T* a, const T* b, ptrdiff_t n);
 };
-struct Runs {
-    RunTable<float> f32;
-    RunTable<double> f64;
-};
+using Runs = isa::ByType<RunTable>;
 
 extern const Runs runs_sse2, runs_avx2, runs_avx512;
 inline constexpr const Runs* runs_by_target[isa::kTargets] = {&runs_sse2, &runs_avx2, &runs_avx512};
 
-template <class T> const RunTable<T>& runs() {
-    const Runs& r = isa::select(runs_by_target);
-    if constexpr (sizeof(T) == 4) return r.f32;
-    else return r.f64;
-}
+template <class T> const RunTable<T>& runs() { return isa::select(runs_by_target).template of<T>(); }
 
 }  // namespace orsm::ew

@@ -43,6 +43,17 @@ template <class Table> const Table& select(const Table* const (&tables)[kTargets
     return *tables[current()];
 }
 
+// A target's kernels of a family for each element type: K<float> and
+// K<double>, reached as by.of<T>().
+template <template <class> class K> struct ByType {
+    K<float> f32;
+    K<double> f64;
+    template <class T> const K<T>& of() const {
+        if constexpr (sizeof(T) == 4) return f32;
+        else return f64;
+    }
+};
+
 }  // namespace orsm::isa
 
 // The name of the target being compiled, and a macro that names a symbol

@@ -110,14 +110,7 @@ template <class T> struct Kernels {
     RowFn packed[kMaxRowKeys][4];  // the same, for packed layout S
     SoaFn soa[kSoaKinds][4];
 };
-struct Table {
-    Kernels<float> f32;
-    Kernels<double> f64;
-    template <class T> const Kernels<T>& of() const {
-        if constexpr (sizeof(T) == 4) return f32;
-        else return f64;
-    }
-};
+using Table = isa::ByType<Kernels>;
 extern const Table matvec_table_sse2, matvec_table_avx2, matvec_table_avx512;
 inline const Table* const kTables[isa::kTargets] = {&matvec_table_sse2, &matvec_table_avx2,
                                                    &matvec_table_avx512};

@@ -62,14 +62,7 @@ template <class T> struct LuKernels {
     SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
     SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
 };
-struct LuTable {
-    LuKernels<float> f32;
-    LuKernels<double> f64;
-    template <class T> const LuKernels<T>& of() const {
-        if constexpr (sizeof(T) == 4) return f32;
-        else return f64;
-    }
-};
+using LuTable = isa::ByType<LuKernels>;
 extern const LuTable lu_table_sse2, lu_table_avx2, lu_table_avx512;
 inline const LuTable* const kLuTables[isa::kTargets] = {&lu_table_sse2, &lu_table_avx2, &lu_table_avx512};
 template <class T> const LuKernels<T>& lu_kernels() { return isa::select(kLuTables).template of<T>(); }
