@@ -82,6 +82,22 @@ void solve_general(const A& a, int na, const int* q, const B& b, const D& d, int
 template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
 template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
+// Runs one(n) over systems [0, count); the contiguous S and L kernels hand
+// groups of systems to the fast paths where they can (lu_fast.hpp).
+template <Kind K, int N, class A, class B, class D, class One>
+void solve_objects(const A& a, const int* index, const B& b, const D& d, int count, One&& one) {
+    using T = Plain<typename D::value_type>;
+    if constexpr (K == Kind::S || K == Kind::L) {
+        const LuKernels<T>& k = lu_kernels<T>();
+        const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
+        const auto fn = k.of(g, N);
+        const int W = fn ? k.solve_lanes : 1;
+        groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && (fn(g, n), true); }, one);
+    } else {
+        groups::in_groups(count, 1, [](int) { return false; }, one);
+    }
+}
+
 template <bool ManyFactors, Kind K, class A, class B, class D>
 OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d, int size, int count) {
     using T = Plain<typename D::value_type>;
@@ -92,23 +108,12 @@ OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d,
                 solve_general(a, ManyFactors ? n : 0, index + (ManyFactors ? ptrdiff_t(n) * size : 0), b, d, n,
                               size);
         } else if constexpr (ManyFactors) {
-            const auto one = [&](int n) {
+            solve_objects<K, N>(a, index, b, d, count, [&](int n) {
                 Factor<N, T> f;
                 f.load(a, n, index + ptrdiff_t(n) * N);
                 solve_fixed(f, b, d, n);
                 return StatusOk;
-            };
-            // The contiguous S and L kernels solve groups of systems side by
-            // side where they can (lu_fast.hpp).
-            if constexpr (K == Kind::S || K == Kind::L) {
-                const LuKernels<T>& k = lu_kernels<T>();
-                const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
-                const auto fn = k.of(g, N);
-                const int W = fn ? k.solve_lanes : 1;
-                groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && (fn(g, n), true); }, one);
-            } else {
-                groups::in_groups(count, 1, [](int) { return false; }, one);
-            }
+            });
         } else {
             Factor<N, T> f;
             f.load(a, 0, index);

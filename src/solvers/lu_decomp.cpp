@@ -120,15 +120,30 @@ OrsStatus decomp_general(const Src& s, const Dst& d, int n, int* index, int size
 template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
 template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
+// Runs one(n) over objects [0, count) in order; the contiguous S and L
+// kernels hand groups of objects to the fast paths where they can
+// (lu_fast.hpp).
+template <Kind K, int N, class Src, class Dst, class One>
+OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&& one) {
+    using T = Plain<typename Dst::value_type>;
+    if constexpr (N != 0 && (K == Kind::S || K == Kind::L)) {
+        const LuKernels<T>& k = lu_kernels<T>();
+        const typename Groups<K == Kind::L>::template Decomp<T> g{objects(s), objects(d), index};
+        const auto fn = k.of(g, N);
+        const int W = fn ? k.decomp_lanes : 1;
+        return groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && fn(g, n); }, one);
+    } else {
+        return groups::in_groups(count, 1, [](int) { return false; }, one);
+    }
+}
+
 // Objects in order; the first singular one ends the call, leaving the later
-// ones untouched. The contiguous S and L kernels run their size paths over
-// groups of objects side by side where they can (lu_fast.hpp).
+// ones untouched.
 template <Kind K, class Src, class Dst>
 OrsStatus decomp_kernel(const Src& s, const Dst& d, int* index, int size, int count) {
-    using T = Plain<typename Dst::value_type>;
     return by_order(size, [&](auto order) -> OrsStatus {
         constexpr int N = decltype(order)::value;
-        const auto one = [&](int n) {
+        return decomp_objects<K, N>(s, d, index, count, [&](int n) {
             if constexpr (N == 0) {
                 // The strided S kernel's general loop gives every object the
                 // same table: it ends up holding the last object's.
@@ -137,16 +152,7 @@ OrsStatus decomp_kernel(const Src& s, const Dst& d, int* index, int size, int co
             } else {
                 return decomp_fixed<N, K == Kind::P>(s, d, n, index + ptrdiff_t(n) * N);
             }
-        };
-        if constexpr (N != 0 && (K == Kind::S || K == Kind::L)) {
-            const LuKernels<T>& k = lu_kernels<T>();
-            const typename Groups<K == Kind::L>::template Decomp<T> g{objects(s), objects(d), index};
-            const auto fn = k.of(g, N);
-            const int W = fn ? k.decomp_lanes : 1;
-            return groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && fn(g, n); }, one);
-        } else {
-            return groups::in_groups(count, 1, [](int) { return false; }, one);
-        }
+        });
     });
 }
 
