@@ -1,0 +1,476 @@
+// CholeskyDecomp and CholeskyBackSubst: factors and solutions bit for bit
+// against a model of each kernel's rule (threshold, Newton step, NaN pivots,
+// the stores a failing object leaves), in every form, layout, type and
+// stride mix, with failing objects and dst on a source; the threshold and
+// NaN quirks on worked examples; the packed forward rows of the 32f
+// single-vector kernel at every dst alignment; check orders; the
+// serial/parallel boundary; factor and solve together.
+#include <cmath>
+#include <limits>
+
+#include "calls.hpp"
+#include "common/estimates.hpp"
+
+using namespace orsmtest;
+
+namespace {
+
+template <class T> using Mat = std::vector<T>;  // row-major
+using Fn = std::pair<std::string, Layout>;
+
+struct Mode {
+    bool strided = false, soa = false;
+};
+std::vector<Mode> modes(Layout l) { return {Mode{}, Mode{l != Layout::P, l == Layout::P}}; }
+bool arr(const Fn& f) { return f.first.back() == 'a'; }
+bool fixed(int N) { return N >= 3 && N <= 6; }
+
+template <class T> testing::AssertionResult same(const Mat<T>& got, const Mat<T>& want, int o) {
+    for (std::size_t i = 0; i < got.size(); ++i)
+        if (bits(got[i]) != bits(want[i]) && !(std::isnan(got[i]) && std::isnan(want[i])))
+            return testing::AssertionFailure() << "object " << o << " [" << i << "] " << got[i] << " want " << want[i];
+    return testing::AssertionSuccess();
+}
+template <class T> Mat<T> elements(const Operand<T>& o, int n, int rows, int N) {
+    Mat<T> m(rows * N);
+    for (int i = 0; i < rows * N; ++i) m[i] = o.at(n, i / N, i % N);
+    return m;
+}
+
+// ---- the factorisation's rules --------------------------------------------------------
+
+// When each element of a factor is stored: after which pivot test.
+enum class Stores { AsComputed, RowsAfterPivot, Groups };
+struct Rule {
+    double threshold;
+    bool nan_passes, group_step;
+    Stores stores;
+};
+// The 32f contiguous array kernel runs orders 3 to 6 four objects at a
+// time; layout P keeps rows until their pivot passed and rejects order-3
+// pivots up to 2^-23; the 64f strided array kernel rejects pivots up to
+// 2^-52 at order 6 and in its general loop.
+template <class T> Rule rule_of(const Fn& f, Mode m, int N) {
+    if (arr(f) && sizeof(T) == 4 && f.second == Layout::S && !m.strided && fixed(N))
+        return {0, true, true, Stores::Groups};
+    const bool P = f.second == Layout::P;
+    double thr = P && N == 3 ? 0x1p-23 : 0;
+    if (arr(f) && sizeof(T) == 8 && f.second == Layout::S && m.strided && (N == 6 || !fixed(N))) thr = 0x1p-52;
+    return {thr, false, false, P && fixed(N) ? Stores::RowsAfterPivot : Stores::AsComputed};
+}
+int stored_after(Stores s, int N, int r, int c) {
+    switch (s) {
+        case Stores::AsComputed: return c < r ? r - 1 : r;
+        case Stores::RowsAfterPivot: return r == 0 && N != 4 ? 1 : r;
+        case Stores::Groups: return r <= 1 ? 1 : r == 2 ? 2 : r == 3 ? (c < 3 ? 2 : 3) : r;
+    }
+    return 0;
+}
+template <class T> T rsqrt(T s, bool group_step) {
+    if constexpr (sizeof(T) == 8) {
+        return 1.0 / std::sqrt(s);
+    } else {
+        const float r = orsm::rsqrt_estimate(s);
+        return group_step ? (r * (3.0f - (r * r) * s)) * 0.5f : (r * ((s * r) * r - 3.0f)) * -0.5f;
+    }
+}
+// The factor of a (lower triangle), and the first failing pivot (N: none).
+template <class T> int factor(const Mat<T>& a, Mat<T>& f, int N, const Rule& rule) {
+    f = a;
+    int failed = N;
+    for (int i = 0; i < N; ++i) {
+        for (int j = 0; j < i; ++j) {
+            T s = a[i * N + j];
+            for (int k = 0; k < j; ++k) s -= f[i * N + k] * f[j * N + k];
+            f[i * N + j] = s * f[j * N + j];
+        }
+        T s = a[i * N + i];
+        for (int k = 0; k < i; ++k) s -= f[i * N + k] * f[i * N + k];
+        const bool ok = rule.nan_passes ? !(s <= 0) : s > T(rule.threshold);
+        if (!ok && failed == N) failed = i;
+        f[i * N + i] = rsqrt(s, rule.group_step);
+    }
+    return failed;
+}
+
+template <class T> struct Decomp {
+    Fn fn;
+    int N, count;
+    Mode mode;
+    Rule rule;
+    Call<T> c;
+    Operand<T>*src, *dst;
+    std::vector<Mat<T>> a, d;  // sources, and dst as it stood
+    std::string where;
+    // Random positive definite objects, NaN above the diagonal (never
+    // read); object `bad` gets -1 at pivot `pivot`, which fails there.
+    Decomp(const Fn& f, int n, int cnt, Mode m, unsigned seed, int bad = -1, int pivot = 0, bool in_place = false)
+        : fn(f), N(n), count(arr(f) ? cnt : 1), mode(m), rule(rule_of<T>(f, m, n)), c(f.first, f.second),
+          where(c.name() + " size=" + std::to_string(n) + " count=" + std::to_string(count) +
+                (m.strided ? " strided" : m.soa ? " soa" : "")) {
+        Values<T> v(seed, 0);
+        for (int o = 0; o < count; ++o) {
+            Mat<double> b(N * N);
+            for (auto& x : b) x = double(v()) / 2;
+            Mat<T> s(N * N, std::numeric_limits<T>::quiet_NaN());
+            for (int i = 0; i < N; ++i)
+                for (int j = 0; j <= i; ++j) {
+                    double x = i == j ? N : 0;
+                    for (int k = 0; k < N; ++k) x += b[i * N + k] * b[j * N + k];
+                    s[i * N + j] = T(x);
+                }
+            if (o == bad) s[pivot * N + pivot] = -1;
+            a.push_back(s);
+        }
+        const Shape sh{N, N, count, arr(f), !m.strided, m.soa};
+        src = &c.bind("src", arr(f), sh, seed);
+        src->fill([&](int o, int r, int k) { return a[o][r * N + k]; });
+        dst = in_place ? &c.attach("dst", *src) : &c.bind("dst", arr(f), sh, seed + 1);
+        if (!in_place) dst->fill([&](int, int, int) { return v(); });
+        for (int o = 0; o < count; ++o) d.push_back(elements(*dst, o, N, N));
+        c.arg("size") = N;
+        if (c.takes("count")) c.arg("count") = count;
+        c.snapshot();
+    }
+    // The model over shares (first object, objects): each stops at its
+    // first failure; the four-at-a-time kernel stops a whole group there.
+    OrsStatus model(std::initializer_list<std::pair<int, int>> shares) {
+        OrsStatus out = StatusOk;
+        const int G = rule.stores == Stores::Groups ? 4 : 1;
+        for (auto [first, k] : shares)
+            for (int o = first; o < first + k;) {
+                const int g = first + k - o >= G ? G : 1;
+                std::vector<Mat<T>> f(g);
+                int failed = N;
+                for (int l = 0; l < g; ++l) failed = std::min(failed, factor(a[o + l], f[l], N, rule));
+                for (int l = 0; l < g; ++l)
+                    for (int r = 0; r < N; ++r)
+                        for (int q = 0; q <= r; ++q)
+                            if (stored_after(rule.stores, N, r, q) < failed) d[o + l][r * N + q] = f[l][r * N + q];
+                o += g;
+                if (failed < N) {
+                    if (out == StatusOk) out = StatusNotPositiveDefinite;
+                    break;
+                }
+            }
+        return out;
+    }
+    testing::AssertionResult check() const {
+        for (int o = 0; o < count; ++o)
+            if (auto r = same(elements(*dst, o, N, N), d[o], o); !r) return r;
+        if (!dst->only_elements_changed()) return testing::AssertionFailure() << "guards";
+        if (src != dst && !src->unchanged()) return testing::AssertionFailure() << "src changed";
+        return testing::AssertionSuccess();
+    }
+};
+
+const Fn decomp_fns[] = {{"CholeskyDecomp_m", Layout::S}, {"CholeskyDecomp_m", Layout::P},
+                         {"CholeskyDecomp_ma", Layout::S}, {"CholeskyDecomp_ma", Layout::P},
+                         {"CholeskyDecomp_ma", Layout::L}};
+
+template <class T> class Cholesky : public testing::Test {};
+using Types = testing::Types<float, double>;
+TYPED_TEST_SUITE(Cholesky, Types);
+
+// Every kernel and order, sound objects and a failure at each pivot of
+// object 2 (count 6: a group of four and two alone in the four-at-a-time
+// kernel), dst apart and on src. One thread: a failure ends the call.
+TYPED_TEST(Cholesky, DecompBitExactWithFailures) {
+    unsigned seed = 1;
+    ThreadCount one(1);
+    for (const Fn& f : decomp_fns)
+        for (Mode m : modes(f.second))
+            for (int N : {1, 2, 3, 4, 5, 6, 7})
+                for (int pivot = -1; pivot < N; ++pivot)
+                    for (bool in_place : {false, true}) {
+                        Decomp<TypeParam> t(f, N, 6, m, seed++, pivot < 0 ? -1 : arr(f) ? 2 : 0, pivot, in_place);
+                        const OrsStatus want = t.model({{0, t.count}});
+                        EXPECT_EQ(want, pivot < 0 ? StatusOk : StatusNotPositiveDefinite);
+                        EXPECT_EQ(t.c.run(), want) << t.where << " pivot " << pivot;
+                        EXPECT_TRUE(t.check()) << t.where << " pivot " << pivot << (in_place ? " in place" : "");
+                    }
+}
+
+// The thresholds and NaN pivots on worked examples: a diagonal matrix with
+// x first; whether the call passes.
+TYPED_TEST(Cholesky, DecompThresholdsAndNaN) {
+    using T = TypeParam;
+    const bool is32 = sizeof(T) == 4;
+    const T nan = std::numeric_limits<T>::quiet_NaN();
+    struct Ex {
+        Fn fn;
+        bool strided;
+        int N;
+        T x;
+        bool passes;
+    };
+    const Ex ex[] = {
+        // Layout P rejects order-3 pivots up to 2^-23, in 64f too.
+        {decomp_fns[1], false, 3, T(1e-8), false},
+        {decomp_fns[0], false, 3, T(1e-8), true},
+        {decomp_fns[1], false, 3, T(0x1p-23), false},
+        {decomp_fns[1], false, 4, T(1e-8), true},
+        {decomp_fns[3], false, 3, T(1e-8), false},
+        // The 64f strided array kernel rejects up to 2^-52 at order 6 and
+        // in its general loop, not at order 5 nor when contiguous.
+        {decomp_fns[2], true, 6, T(1e-17), is32},
+        {decomp_fns[2], true, 7, T(1e-17), is32},
+        {decomp_fns[2], true, 5, T(1e-17), true},
+        {decomp_fns[2], false, 6, T(1e-17), true},
+        {decomp_fns[0], true, 6, T(1e-17), true},
+        // A NaN pivot passes the 32f four-at-a-time kernel only.
+        {decomp_fns[2], false, 4, nan, is32},
+        {decomp_fns[2], false, 7, nan, false},
+        {decomp_fns[0], false, 4, nan, false},
+        {decomp_fns[4], false, 4, nan, false},
+        // Zero and negative fail everywhere.
+        {decomp_fns[2], false, 3, T(0), false},
+        {decomp_fns[1], false, 5, T(-0.0), false},
+    };
+    for (const Ex& x : ex) {
+        Decomp<T> t(x.fn, x.N, 4, Mode{x.strided, false}, 3);
+        for (int o = 0; o < t.count; ++o)
+            for (int r = 0; r < x.N; ++r)
+                for (int c = 0; c <= r; ++c) t.src->at(o, r, c) = r != c ? T(0) : r == 0 ? x.x : T(1);
+        const OrsStatus st = t.c.run();
+        EXPECT_EQ(st, x.passes ? StatusOk : StatusNotPositiveDefinite) << t.where << " x=" << x.x;
+        if (x.passes && std::isnan(x.x)) EXPECT_TRUE(std::isnan(t.dst->at(0, 0, 0))) << t.where;
+    }
+}
+
+// ---- the solver ------------------------------------------------------------------------
+
+// A forward row of the 32f contiguous single-vector kernel: 11 terms or
+// more with y on a 4-byte boundary go by two four-lane accumulators after
+// the terms up to y's 16-byte boundary.
+float packed_row(float s, const float* l, const float* y, int i) {
+    const auto a = reinterpret_cast<std::uintptr_t>(y) % 16;
+    int k = 0;
+    if (i >= 11 && a % 4 == 0) {
+        for (; k < (a ? int(16 - a) / 4 : 0); ++k) s -= l[k] * y[k];
+        if (i - k >= 8) {
+            float p[4] = {s, 0, 0, 0}, q[4] = {0, 0, 0, 0};
+            for (; k + 8 <= i; k += 8)
+                for (int j = 0; j < 4; ++j) p[j] -= l[k + j] * y[k + j], q[j] -= l[k + 4 + j] * y[k + 4 + j];
+            s = ((p[0] + q[0]) + (p[1] + q[1])) + ((p[2] + q[2]) + (p[3] + q[3]));
+        }
+    }
+    for (; k < i; ++k) s -= l[k] * y[k];
+    return s;
+}
+// y at the place of dst: the packed rows (32f single vector) sum against a
+// y of dst's alignment, null for the plain rows.
+template <class T> Mat<T> solve_model(const Mat<T>& l, const Mat<T>& b, int N, T* y_at = nullptr) {
+    Mat<T> y(N);
+    for (int i = 0; i < N; ++i) {
+        T s = b[i];
+        if constexpr (sizeof(T) == 4) {
+            if (y_at) {
+                std::copy_n(y.data(), i, y_at);
+                s = packed_row(s, &l[i * N], y_at, i);
+            } else {
+                for (int k = 0; k < i; ++k) s -= l[i * N + k] * y[k];
+            }
+        } else {
+            for (int k = 0; k < i; ++k) s -= l[i * N + k] * y[k];
+        }
+        y[i] = s * l[i * N + i];
+    }
+    for (int i = N - 1; i >= 0; --i) {
+        T s = y[i];
+        for (int k = N - 1; k > i; --k) s -= l[k * N + i] * y[k];
+        y[i] = s * l[i * N + i];
+    }
+    return y;
+}
+
+std::vector<Fn> back_fns() {
+    std::vector<Fn> v;
+    for (std::string f : {"mv", "mva", "mava"})
+        for (Layout l : {Layout::S, Layout::P, Layout::L})
+            if (f != "mv" || l != Layout::L) v.push_back({"CholeskyBackSubst_" + f, l});
+    return v;
+}
+
+template <class T> struct Back {
+    int N, count;
+    bool many;
+    Call<T> c;
+    Operand<T>*m, *b, *d;
+    std::vector<Mat<T>> bv;
+    std::string where;
+    Back(const Fn& f, int n, int cnt, Mode mode, unsigned seed, bool in_place = false)
+        : N(n), count(f.first.back() == 'v' ? 1 : cnt), many(f.first.find("mava") != std::string::npos),
+          c(f.first, f.second),
+          where(c.name() + " size=" + std::to_string(n) + " count=" + std::to_string(count) +
+                (mode.strided ? " strided" : mode.soa ? " soa" : "")) {
+        Values<T> v(seed, 0);
+        const bool va = f.first.back() == 'a';
+        m = &c.bind("src1", many, {N, N, count, many, !mode.strided, mode.soa}, seed);
+        m->fill([&](int, int r, int k) {
+            return k > r ? std::numeric_limits<T>::quiet_NaN() : k == r ? T(1) + v() / 2 : v();
+        });
+        b = &c.bind("src2", va, {1, N, count, va, !mode.strided, mode.soa}, seed + 1);
+        b->fill([&](int, int, int) { return v(); });
+        for (int o = 0; o < count; ++o) bv.push_back(elements(*b, o, 1, N));
+        d = in_place ? &c.attach("dst", *b) : &c.bind("dst", va, {1, N, count, va, !mode.strided, mode.soa}, seed + 2);
+        c.arg("size") = N;
+        if (c.takes("count")) c.arg("count") = count;
+        c.snapshot();
+    }
+    testing::AssertionResult check(int upto) const {
+        for (int o = 0; o < upto; ++o) {
+            const Mat<T> want = solve_model(elements(*m, many ? o : 0, N, N), bv[o], N);
+            if (auto r = same(elements(*d, o, 1, N), want, o); !r) return r;
+        }
+        if (!d->only_elements_changed(upto)) return testing::AssertionFailure() << "dst outside its objects";
+        if (!m->unchanged() || (b != d && !b->unchanged())) return testing::AssertionFailure() << "source changed";
+        return testing::AssertionSuccess();
+    }
+};
+
+// Every form, layout and stride mix, both kinds of path, dst on src2.
+TYPED_TEST(Cholesky, BackSubstBitExact) {
+    unsigned seed = 100;
+    for (const Fn& f : back_fns())
+        for (Mode m : modes(f.second))
+            for (int N : {1, 2, 3, 4, 5, 6, 7, 9})
+                for (bool in_place : {false, true}) {
+                    Back<TypeParam> t(f, N, 7, m, seed++, in_place);
+                    EXPECT_EQ(t.c.run(), StatusOk) << t.where;
+                    EXPECT_TRUE(t.check(t.count)) << t.where << (in_place ? " in place" : "");
+                }
+}
+
+// The 32f contiguous single-vector kernel's forward rows of 11 terms and
+// more at every alignment of dst (dst elements one element apart, moved by
+// a byte at a time: off a 4-byte boundary the rows stay plain).
+TEST(CholeskySingle, PackedRowsAtEveryAlignment) {
+    Values<float> v(5, 0);
+    for (int N : {11, 12, 19, 20, 27, 40})
+        for (int off = 0; off < 16; ++off) {
+            Mat<float> l(N * N), b(N);
+            for (int i = 0; i < N; ++i)
+                for (int k = 0; k <= i; ++k) l[i * N + k] = k == i ? 1 + v() / 2 : v();
+            for (auto& x : b) x = v();
+            std::vector<unsigned char> mem(N * 4 + 32);
+            float* d = reinterpret_cast<float*>(mem.data() + 16 - reinterpret_cast<std::uintptr_t>(mem.data()) % 16 + off);
+            ASSERT_EQ(orsmCholeskyBackSubst_mv_32f(l.data(), N * 4, 4, b.data(), 4, d, 4, N), StatusOk);
+            Mat<float> got(N);
+            std::memcpy(got.data(), d, N * 4);
+            // The model sums against a y at the same address modulo 16.
+            std::vector<unsigned char> mem2(N * 4 + 32);
+            float* y = reinterpret_cast<float*>(mem2.data() + 16 - reinterpret_cast<std::uintptr_t>(mem2.data()) % 16 + off);
+            EXPECT_TRUE(same(got, solve_model(l, b, N, y), off)) << N << " offset " << off;
+        }
+}
+
+// A x = b through both families, on every path: a small residual.
+TYPED_TEST(Cholesky, FactorThenSolveSmallResidual) {
+    using T = TypeParam;
+    const int E = sizeof(T);
+    for (int N = 1; N <= 13; ++N) {
+        Decomp<T> t(decomp_fns[0], N, 1, Mode{}, 40 + N);
+        ASSERT_EQ(t.c.run(), StatusOk) << N;
+        Mat<T> F = elements(*t.dst, 0, N, N), A(N * N), b(N), x(N);
+        for (int i = 0; i < N; ++i)
+            for (int j = 0; j < N; ++j) A[i * N + j] = t.a[0][std::max(i, j) * N + std::min(i, j)];
+        for (int i = 0; i < N; ++i) b[i] = T(i + 1);
+        if constexpr (sizeof(T) == 4) ASSERT_EQ(orsmCholeskyBackSubst_mv_32f(F.data(), N * E, E, b.data(), E, x.data(), E, N), StatusOk);
+        else ASSERT_EQ(orsmCholeskyBackSubst_mv_64f(F.data(), N * E, E, b.data(), E, x.data(), E, N), StatusOk);
+        for (int i = 0; i < N; ++i) {
+            double r = -double(b[i]), scale = std::fabs(double(b[i]));
+            for (int j = 0; j < N; ++j) r += double(A[i * N + j]) * x[j], scale += std::fabs(double(A[i * N + j]) * x[j]);
+            // The 32f reciprocal roots carry about 2^-21.
+            EXPECT_LE(std::fabs(r), (sizeof(T) == 4 ? 64 : 16) * N * std::numeric_limits<T>::epsilon() * scale) << N;
+        }
+    }
+}
+
+// ---- checks, limits ----------------------------------------------------------------------
+
+// Pointers, count, size, strides, shifts, the earlier of two faults
+// deciding; the mva list form checks strides and shifts before size and
+// count.
+TYPED_TEST(Cholesky, ChecksInOrder) {
+    const std::string E = std::to_string(sizeof(TypeParam));
+    std::vector<Fn> fns(std::begin(decomp_fns), std::end(decomp_fns));
+    for (const Fn& f : back_fns()) fns.push_back(f);
+    for (const Fn& f : fns) {
+        Call<TypeParam> c(f.first, f.second);
+        bind_all(c, 3, 3, 2);
+        check_every_argument(c);
+        const bool late = f.first == "CholeskyBackSubst_mva" && f.second == Layout::L;
+        const std::string stride = f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1";
+        std::vector<std::pair<std::string, OrsStatus>> all = {{"dst=0", StatusNullPointer},
+                                                              {"count=0", StatusBadCount},
+                                                              {"size=-1", StatusBadSize},
+                                                              {stride, StatusBadStride},
+                                                              {"dstRoiShift=2", StatusBadRoiShift}};
+        if (late) all = {all[0], all[3], all[4], all[2], all[1]};
+        std::vector<std::pair<std::string, OrsStatus>> steps;
+        for (auto& s : all)
+            if (c.takes(s.first.substr(0, s.first.find('=')))) steps.push_back(s);
+        const gen::Bag good = c.bag();
+        for (std::size_t i = 0; i < steps.size(); ++i)
+            for (std::size_t j = i; j < steps.size(); ++j) {
+                c.bag() = good;
+                EXPECT_EQ(c.set(steps[i].first + " " + steps[j].first).run(), steps[i].second)
+                    << c.name() << " " << steps[i].first << " " << steps[j].first;
+                EXPECT_TRUE(c.unchanged()) << c.name();
+            }
+    }
+}
+
+// The limit of every array form and kernel kind: at the last serial work
+// all objects are done; at the first parallel one, inside a serialized
+// region, member 0's share only.
+TYPED_TEST(Cholesky, SerialBelowTheLimits) {
+    using T = TypeParam;
+    const bool f32 = sizeof(T) == 4;
+    for (const Fn& f : decomp_fns) {
+        if (!arr(f)) continue;
+        for (Mode m : modes(f.second)) {
+            const bool list = f.second == Layout::L, P = f.second == Layout::P;
+            const int lim = f32 ? (list || P ? 2001 : 7501) : (list && !m.strided ? 721 : 2001);
+            auto work = [](int s, int, int n) { return s * s * n; };
+            for (int side : {0, 1}) {
+                const auto g = side ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
+                Decomp<T> t(f, g[0], g[2], m, 7);
+                const OrsStatus want = t.model({{0, side ? first_share(t.count, 2) : t.count}});
+                serialized([&] { EXPECT_EQ(t.c.run(), want); });
+                EXPECT_TRUE(t.check()) << t.where << " W=" << g[3];
+            }
+        }
+    }
+    for (const Fn& f : back_fns()) {
+        const bool mava = f.first.find("mava") != std::string::npos;
+        if (f.first.back() == 'v') continue;
+        auto work = [&](int s, int, int n) { return mava ? s * (s + 2) * n : (s + 2 * n) * s; };
+        for (Mode m : modes(f.second)) {
+            const bool S = f.second == Layout::S, P = f.second == Layout::P;
+            const int lim = mava ? ((f32 && S && !m.strided) || (!f32 && P) ? 2051 : 1701)
+                                 : (f32 && S ? 1201 : 721);
+            for (int side : {0, 1}) {
+                const auto g = side ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
+                Back<T> t(f, g[0], g[2], m, 11);
+                serialized([&] { EXPECT_EQ(t.c.run(), StatusOk); });
+                EXPECT_TRUE(t.check(side ? first_share(t.count, 2) : t.count)) << t.where << " W=" << g[3];
+            }
+        }
+    }
+}
+
+// Two real threads: each share stops at its own failing object, and sound
+// calls give the one-thread bits.
+TYPED_TEST(Cholesky, TwoThreads) {
+    for (Mode m : modes(Layout::L)) {
+        Decomp<TypeParam> t(decomp_fns[4], 6, 130, m, 9, 40, 2);
+        const OrsStatus want = t.model({{0, 65}, {65, 65}});
+        ThreadCount tc(2);
+        EXPECT_EQ(t.c.run(), want);
+        EXPECT_TRUE(t.check()) << t.where << " two threads";
+    }
+}
+
+}  // namespace
