@@ -56,7 +56,8 @@ template <int N, class T> struct Factor {
     }
 };
 
-template <int N, class T, class B, class D> ORSM_INLINE void solve_fixed(const Factor<N, T>& f, const B& b, const D& d, int n) {
+template <int N, class T, class B, class D>
+ORSM_INLINE void solve_fixed(const Factor<N, T>& f, const B& b, const D& d, int n) {
     T y[N], x[N];
     for (int i = 0; i < N; ++i) y[i] = b.v(n, i);
     for (int j = 0; j < N - 1; ++j) {
