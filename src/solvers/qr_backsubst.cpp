@@ -6,13 +6,11 @@
 //
 // Two kinds of path:
 //  - square systems of order 3 to 6 run in local values and never touch the
-//    scratch; an mva kernel reads the one factor and its betas once for all
-//    right-hand sides. b is read whole before x is written, so dst may be
-//    src2;
+//    scratch; b is read whole before x is written, so dst may be src2;
 //  - every other shape runs the general loop: b copied into the scratch,
 //    reflected there (on a tall system the scratch keeps the residual part
 //    of Q^T b from width on), x written into dst and read back from it.
-// Both take every sum in the order of the general loop.
+// Both are one template, so they take every sum in the same order.
 #include <climits>
 
 #include "solvers/qr.hpp"
@@ -20,26 +18,31 @@
 namespace orsm::solve {
 namespace {
 
-template <class A, class B, class D, class T>
-void solve_general(const A& a, int na, const B& b, const D& d, int n, T* buf, int w, int h) {
-    for (int i = 0; i < h; ++i) move_bits(&buf[i], &b.v(n, i));
+// One system: y (b, where the path keeps it) reflected by each step of the
+// factor, then R x = y solved from the bottom row up. fa(i, j) reads the
+// factor, beta(j) is step j's beta, x(i) the place of x[i].
+template <class T, class FA, class Beta, class Y, class X>
+ORSM_INLINE void solve_one(const FA& fa, const Beta& beta, Y& y, const X& x, int w, int h) {
     for (int j = 0; j < qr::steps(w, h); ++j) {
-        T t = buf[j], s = 1;
-        for (int i = j + 1; i < h; ++i) {
-            const T v = a(na, i, j);
-            t = t + buf[i] * v;
-            s = s + v * v;
-        }
-        t = t * qr::beta(s);
-        buf[j] = buf[j] + t;
-        for (int i = j + 1; i < h; ++i) buf[i] = buf[i] + a(na, i, j) * t;
+        T t = y[j];
+        for (int i = j + 1; i < h; ++i) t = t + y[i] * fa(i, j);
+        t = t * beta(j);
+        y[j] = y[j] + t;
+        for (int i = j + 1; i < h; ++i) y[i] = y[i] + fa(i, j) * t;
     }
-    d.v(n, w - 1) = buf[w - 1] / a(na, w - 1, w - 1);
+    x(w - 1) = y[w - 1] / fa(w - 1, w - 1);
     for (int i = w - 2; i >= 0; --i) {
         T s = 0;
-        for (int k = i + 1; k < w; ++k) s = s + a(na, i, k) * d.v(n, k);
-        d.v(n, i) = (buf[i] - s) / a(na, i, i);
+        for (int k = i + 1; k < w; ++k) s = s + fa(i, k) * x(k);
+        x(i) = (y[i] - s) / fa(i, i);
     }
+}
+
+// beta of step j, from the squares of v's stored part summed down the column.
+template <class T, class FA> ORSM_INLINE T beta_of(const FA& fa, int j, int h) {
+    T s = 1;
+    for (int i = j + 1; i < h; ++i) s = s + fa(i, j) * fa(i, j);
+    return qr::beta(s);
 }
 
 // A square factor of order N in locals, with the beta of each reflection.
@@ -48,59 +51,47 @@ template <int N, class T> struct Factor {
     template <class A> ORSM_INLINE void load(const A& acc, int na) {
         for (int r = 0; r < N; ++r)
             for (int c = 0; c < N; ++c) a[r][c] = acc(na, r, c);
-        for (int j = 0; j < N - 1; ++j) {
-            T s = 1;
-            for (int i = j + 1; i < N; ++i) s = s + a[i][j] * a[i][j];
-            beta[j] = qr::beta(s);
-        }
+        for (int j = 0; j < N - 1; ++j) beta[j] = beta_of<T>(*this, j, N);
     }
+    ORSM_INLINE T operator()(int i, int j) const { return a[i][j]; }
 };
-
-template <int N, class T, class B, class D>
-ORSM_INLINE void solve_fixed(const Factor<N, T>& f, const B& b, const D& d, int n) {
-    T y[N], x[N];
-    for (int i = 0; i < N; ++i) y[i] = b.v(n, i);
-    for (int j = 0; j < N - 1; ++j) {
-        T t = y[j];
-        for (int i = j + 1; i < N; ++i) t = t + y[i] * f.a[i][j];
-        t = t * f.beta[j];
-        y[j] = y[j] + t;
-        for (int i = j + 1; i < N; ++i) y[i] = y[i] + f.a[i][j] * t;
-    }
-    x[N - 1] = y[N - 1] / f.a[N - 1][N - 1];
-    for (int i = N - 2; i >= 0; --i) {
-        T s = 0;
-        for (int k = i + 1; k < N; ++k) s = s + f.a[i][k] * x[k];
-        x[i] = (y[i] - s) / f.a[i][i];
-    }
-    for (int i = 0; i < N; ++i) d.v(n, i) = x[i];
-}
 
 enum class Form { mv, mva, mava };
 
-// Systems 0 .. count-1: mava steps the factor with the system, mv and mva
-// keep the one factor.
-template <Form F, class A, class B, class D, class T>
+// Systems 0 .. count-1 on the order-N path (0: the general loop). mava
+// steps the factor with the system, mv and mva keep the one factor; a
+// square path reads it and its betas once for all systems.
+template <Form F, int N, class A, class B, class D, class T>
 void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, int count) {
     constexpr bool many = F == Form::mava;
-    auto run = [&](auto order) {
-        constexpr int N = decltype(order)::value;
-        if constexpr (N == 0) {
-            for (int n = 0; n < count; ++n) solve_general(a, many ? n : 0, b, d, n, buf, w, h);
-        } else if constexpr (many) {
-            for (int n = 0; n < count; ++n) {
-                Factor<N, T> f;
-                f.load(a, n);
-                solve_fixed(f, b, d, n);
-            }
-        } else {
-            Factor<N, T> f;
-            f.load(a, 0);
-            for (int n = 0; n < count; ++n) solve_fixed(f, b, d, n);
+    if constexpr (N == 0) {
+        for (int n = 0; n < count; ++n) {
+            auto fa = [&, na = many ? n : 0](int i, int j) -> T { return a(na, i, j); };
+            for (int i = 0; i < h; ++i) move_bits(&buf[i], &b.v(n, i));
+            solve_one<T>(fa, [&](int j) { return beta_of<T>(fa, j, h); }, buf,
+                         [&](int i) -> T& { return d.v(n, i); }, w, h);
         }
-    };
-    // Widths 3 to 6 have paths for square systems only; a tall system of any
-    // width takes the general loop.
+    } else {
+        Factor<N, T> f;
+        auto one = [&](int n) {
+            T y[N], x[N];
+            for (int i = 0; i < N; ++i) y[i] = b.v(n, i);
+            solve_one<T>(f, [&](int j) { return f.beta[j]; }, y, [&](int i) -> T& { return x[i]; }, N, N);
+            for (int i = 0; i < N; ++i) d.v(n, i) = x[i];
+        };
+        if (!many) f.load(a, 0);
+        for (int n = 0; n < count; ++n) {
+            if (many) f.load(a, n);
+            one(n);
+        }
+    }
+}
+
+// Widths 3 to 6 have paths for square systems only; a tall system of any
+// width takes the general loop.
+template <Form F, class A, class B, class D, class T>
+void backsubst_paths(const A& a, const B& b, const D& d, T* buf, int w, int h, int count) {
+    auto run = [&](auto order) { backsubst_kernel<F, decltype(order)::value>(a, b, d, buf, w, h, count); };
     if (w == h) by_order(w, run);
     else run(Order<0>{});
 }
@@ -118,7 +109,7 @@ OrsStatus backsubst_frame(OrsStatus st, const A& a, T* buffer, const B& b, const
                        [&](int f, int k, T* buf) {
                            return with_kind<Lay, T>(
                                [&](auto, const auto& af, const auto& bf, const auto& df) {
-                                   backsubst_kernel<F>(af, bf, df, buf, w, h, k);
+                                   backsubst_paths<F>(af, bf, df, buf, w, h, k);
                                    return StatusOk;
                                },
                                a.object(f), b.object(f), d.object(f));
