@@ -9,6 +9,7 @@
 // its column part is below the tolerance; nothing is rolled back.
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "solvers/qr.hpp"
@@ -29,10 +30,10 @@ template <Kind K, class Src, class Dst> void copy_rows(const Src& s, const Dst& 
     const std::size_t bytes = std::size_t(w) * sizeof(T);
     for (int r = 0; r < h; ++r) {
         if constexpr (block_copies<K>) {
-            const char* from = reinterpret_cast<const char*>(&s(n, r, 0));
-            char* to = reinterpret_cast<char*>(&d(n, r, 0));
+            const auto from = reinterpret_cast<std::uintptr_t>(&s(n, r, 0));
+            const auto to = reinterpret_cast<std::uintptr_t>(&d(n, r, 0));
             if (w >= block_row && (to + bytes <= from || from + bytes <= to)) {
-                std::memcpy(to, from, bytes);
+                std::memcpy(&d(n, r, 0), &s(n, r, 0), bytes);
                 continue;
             }
         }
@@ -52,8 +53,8 @@ template <class D, class T> OrsStatus reflect(const D& d, int n, T* buf, int w, 
         T sigma = std::sqrt(norm2);
         T p = d(n, j, j);
         buf[j] = 1;
-        // Sign opposite to the pivot's; a pivot of exactly 0 (or NaN) takes
-        // the negative one, so R's diagonal comes out positive.
+        // Sign opposite to the pivot's: a pivot of exactly 0 takes the
+        // negative one, so R's diagonal comes out positive (a NaN too).
         if (!(p > 0)) sigma = T(0) - sigma;
         p = p + sigma;
         const T r = T(1) / p;
