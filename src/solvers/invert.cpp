@@ -66,6 +66,8 @@ template <class T> constexpr Rules rules(Kind k, bool single) {
     return {Method::Packed32, Test::Tol, Test::Band, Recip::True, Recip::Refined, true};
 }
 
+// The rules of a kernel, named as a constant of its own (a local constexpr
+// copy inside the OpenMP regions trips some compilers).
 template <class T, Kind K, bool Single> inline constexpr Rules rules_of = rules<T>(K, Single);
 
 template <class T> ORSM_INLINE bool passes(Test t, T x) {
@@ -385,8 +387,8 @@ OrsStatus invert_kernel(const Src& s, const Dst& d, T* buffer, int size, int cou
 
 // Order 1, in the frame: a true division after a test that differs by form.
 // The single frames fail unless |x| is above their type's tolerance; the
-// array frames fail at or below 2^-23 in both types, and return at the first
-// failure with earlier objects done.
+// array frames fail at or below 2^-23 in both types (the 64f arrays keep the
+// 32f constant), and return at the first failure with earlier objects done.
 template <bool Single, class Src, class Dst> OrsStatus order_one(const Src& s, const Dst& d, int count) {
     using T = Plain<typename Dst::value_type>;
     for (int n = 0; n < count; ++n) {
