@@ -176,6 +176,23 @@ TYPED_TEST(Invert, PivotSearchesAndSmallMinors) {
     EXPECT_EQ(bits(t.dst->at(0, 0, 1)), bits(sizeof(T) == 4 ? -0.0f : T(-1e-09)));
 }
 
+// Pivot rules seen in the status. 32f order 6, a00 = 4 and a leading block
+// of 2e-07: the block is the pivot (two single steps would meet 5e-08). 64f
+// order 5 with a failing leading block: columns 3 and 4 (block 1e-04) come
+// before 0 and 4 (block 1, which would leave a complement of 1e-18), while
+// the scalar kernels see det(A) = 1e-18.
+TYPED_TEST(Invert, PivotRulesInStatus) {
+    using T = TypeParam;
+    const bool is32 = sizeof(T) == 4;
+    const T m[5][5] = {{100, 100, 0, T(0.01), 0}, {100, 100, 0, 0, T(0.01)}, {1, 0, 0, 0, 0}, {0, T(1e-14), 0, 0, 0}, {0, 0, 1, 0, 0}};
+    for (const auto& f : fns)
+        for (bool strided : {false, true}) {
+            Trial<T> t(f, strided, is32 ? 6 : 5, 1);
+            const OrsStatus st = t.run([&](int, int r, int c) { return is32 ? T(r != c ? 0 : r == 0 ? 4 : r == 1 ? 5e-08 : 1) : m[r][c]; });
+            EXPECT_EQ(st, !is32 && t.kind == Kind::Scalar ? StatusSingular : StatusOk) << t.where();
+        }
+}
+
 // Pointers, count, size, strides, shifts: each fault alone, and the earlier
 // of any two, decides, every operand untouched.
 TYPED_TEST(Invert, ChecksInOrder) {
