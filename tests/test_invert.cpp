@@ -1,8 +1,6 @@
-// Invert: results bit for bit against a model where the order is bound
-// (order 1, the order-3 adjugates with a true division, the cofactor method,
-// dst on src included) and by residual elsewhere, in every form, layout,
-// kind and type; each kernel's singularity test at its threshold; the
-// arrays' status rules; check orders; the serial/parallel limits.
+// Invert: bit for bit against a model where the order is bound, by residual
+// elsewhere, in every form, layout, kind and type; each kernel's tests at
+// their thresholds; pivot rules; status rules; checks; limits.
 #include "calls.hpp"
 #include "common/estimates.hpp"
 #include "measures_ref.hpp"
@@ -21,7 +19,7 @@ template <class T> struct Trial {
     bool array, strided;
     int N, count;
     Kind kind;
-    Operand<T>*src, *dst;
+    Operand<T> *src, *dst;
     Packed<T> buf;
     std::vector<Mat<T>> a, d;  // src, and dst as it stood, then as the model leaves it
     Trial(const std::pair<std::string, Layout>& f, bool strd, int n, int cnt, bool in_place = false)
@@ -38,14 +36,14 @@ template <class T> struct Trial {
     template <class G> OrsStatus run(G&& gen) {
         src->fill(gen);
         for (int o = 0; o < count; ++o) a.push_back(get(*src, o)), d.push_back(get(*dst, o));
-        c.snapshot();
-        return c.run();
+        return c.snapshot(), c.run();
     }
     Mat<T> get(const Operand<T>& op, int o, Mat<T> m = {}) const {
         for (int i = 0; i < N * N; ++i) m.push_back(op.at(o, i / N, i % N));
         return m;
     }
-    static bool passes(Kind k, T x) { return k == Kind::Band64 ? !(std::fabs(x) < 1e-15) : std::fabs(x) >= ref::tol<T>(); }
+    static bool passes(Kind k, T x) { return k == Kind::Band64 ? !(std::fabs(x) < 1e-15) : std::fabs(x) >= tol; }
+    static constexpr T tol = ref::tol<T>();
     // Object o into d[o] where the order is bound; false elsewhere.
     bool model(int o) {
         const Mat<T>& s = src == dst ? d[o] : a[o];  // dst on src: the cofactors read what they wrote
@@ -66,9 +64,11 @@ template <class T> struct Trial {
         } else if (N == 2 || N > 6) {
             // Det's elimination, 0 where it fails (the data hold no NaN).
             const T det = ref::det_elim<T>(at, N);  // before anything is written
-            for (int i = 0; i < N * N && det != T(0); ++i)
-                d[o][i % N * N + i / N] = (ref::det_elim<T>([&](int r, int k) { return at(r + (r >= i / N), k + (k >= i % N)); }, N - 1) *
-                                           (T(1) / det)) * ((i / N + i % N) % 2 ? T(-1) : T(1));
+            for (int i = 0; i < N * N && det != T(0); ++i) {
+                auto minor = [&](int r, int k) { return at(r + (r >= i / N), k + (k >= i % N)); };
+                const T x = ref::det_elim<T>(minor, N - 1) * (T(1) / det);
+                d[o][i % N * N + i / N] = x * ((i / N + i % N) % 2 ? T(-1) : T(1));
+            }
         }
         return N < 3 || N > 6 || (N == 3 && kind != Kind::Single32);
     }
@@ -83,12 +83,12 @@ template <class T> struct Trial {
             for (int i = 0; i < N * N; ++i) {
                 double r = i / N == i % N ? -1 : 0;
                 for (int k = 0; k < N && !exact; ++k) r += double(a[o][i / N * N + k]) * got[k * N + i % N];
-                const bool ok = exact ? i < from || bits(got[i]) == bits(d[o][i]) : std::fabs(r) < (sizeof(T) == 4 ? 1e-4 : 1e-12);
-                if (!ok) return testing::AssertionFailure() << "object " << o << " [" << i << "] " << got[i] << " not " << d[o][i];
+                if (exact ? i >= from && bits(got[i]) != bits(d[o][i]) : !(std::fabs(r) < (tol > 1e-9 ? 1e-4 : 1e-12)))
+                    return testing::AssertionFailure() << o << "[" << i << "] " << got[i] << " " << d[o][i];
             }
         }
-        if (!dst->only_elements_changed() || (src != dst && !src->unchanged())) return testing::AssertionFailure() << "guards";
-        return testing::AssertionSuccess();
+        if (dst->only_elements_changed() && (src == dst || src->unchanged())) return testing::AssertionSuccess();
+        return testing::AssertionFailure() << "guards";
     }
     std::string where() const { return c.name() + " N=" + std::to_string(N) + (strided ? " strided" : ""); }
 };
@@ -108,7 +108,8 @@ TYPED_TEST(Invert, ModelOrResidual) {
                     Trial<TypeParam> t(f, strided, N, 3, in_place);
                     // Diagonally dominant where only a residual binds or dst is src.
                     const bool dom = in_place || (N > 3 && N < 7);
-                    EXPECT_EQ(t.run([&](int, int r, int k) { return dom ? v() / 8 + (r == k ? 4 : 0) : v(); }), StatusOk) << t.where();
+                    const OrsStatus st = t.run([&](int, int r, int k) { return dom ? v() / 8 + 4 * (r == k) : v(); });
+                    EXPECT_EQ(st, StatusOk) << t.where();
                     EXPECT_TRUE(t.check(t.count)) << t.where() << (in_place ? " in place" : "");
                 }
 }
@@ -126,13 +127,11 @@ TYPED_TEST(Invert, ThresholdsByKernel) {
                 for (T d : {tol, std::nextafter(tol, T(0)), band, std::nextafter(band, T(0)), T(1e-08), T(NAN)})
                     for (int at = 0; at < N; ++at) {
                         Trial<T> t(f, strided, N, 1);
-                        const Kind k = N == 3 && t.kind == Kind::Arrays32 ? Kind::Scalar : t.kind;
-                        bool ok = k == Kind::Arrays32 ? !(double(d) < 1e-07) : Trial<T>::passes(k, d);
+                        bool ok = t.kind == Kind::Arrays32 && N != 3 ? !(double(d) < 1e-07) : t.passes(t.kind, d);
                         if (N == 1) ok = t.array ? !(d <= T(0x1p-23)) : d > tol;
-                        // The elimination's last pivot fails at the tolerance
-                        // too, but lets a NaN through.
+                        // The elimination's last pivot fails at tol too, but passes a NaN.
                         if (N == 2 || N == 7) ok = at == N - 1 ? !(d <= tol) : d >= tol;
-                        const OrsStatus st = t.run([&](int, int r, int c) { return r != c ? T(0) : r == at ? d : T(1); });
+                        const OrsStatus st = t.run([&](int, int r, int c) { return T(r != c ? 0 : r == at ? d : 1); });
                         EXPECT_EQ(st, ok ? StatusOk : StatusSingular) << t.where() << " d=" << d << " at " << at;
                         EXPECT_TRUE(!ok || d != d || std::fabs(t.dst->at(0, at, at) * d - 1) < 1e-3) << t.where();
                         EXPECT_TRUE(ok || t.check(0, 0)) << t.where() << " d=" << d;  // dst kept, but row 0 at times
@@ -151,46 +150,41 @@ TYPED_TEST(Invert, ArraysSingularObject) {
                 for (int bad : {0, 2}) {
                     Trial<T> t(fns[fi], strided, N, 3);
                     const bool every = t.kind == Kind::Arrays32 && N >= 3 && N <= 6;
-                    const OrsStatus st = t.run([&](int o, int r, int c) { return o == bad ? T(0) : v() / 8 + (r == c ? 4 : 0); });
+                    auto st = t.run([&](int o, int r, int c) { return o == bad ? 0 : v() / 8 + 4 * (r == c); });
                     EXPECT_EQ(st, every && bad == 0 ? StatusOk : StatusSingular) << t.where() << " bad " << bad;
                     EXPECT_TRUE(t.check(every ? t.count : bad, bad)) << t.where() << " bad " << bad;
                 }
 }
 
-// Permutation matrices with zero leading elements invert exactly in every
-// kernel: all pivot searches reach the ones. A 32f minor of 1e-09 counts as
-// 0 in the cofactors: the element it gives is -0, not -1e-09.
-TYPED_TEST(Invert, PivotSearchesAndSmallMinors) {
+// Pivot searches and rules. Permutations with zero leading elements invert
+// exactly in every kernel. 32f order 6, a00 = 4 and a leading block of
+// 2e-07: the block is the pivot (two single steps would meet 5e-08). 64f
+// order 5 with a failing leading block: columns 3 and 4 (block 1e-04) come
+// before 0 and 4 (block 1, leaving a complement of 1e-18 = det(A), which the
+// scalar kernels see). A 32f minor of 1e-09 counts as 0: its element is -0.
+TYPED_TEST(Invert, PivotSearchesAndRules) {
     using T = TypeParam;
+    const bool is32 = sizeof(T) == 4;
+    const T m[5][5] = {
+        {100, 100, 0, T(0.01), 0}, {100, 100, 0, 0, T(0.01)}, {1, 0, 0, 0, 0}, {0, T(1e-14), 0, 0, 0}, {0, 0, 1, 0, 0}};
     for (const auto& f : fns)
-        for (bool strided : {false, true})
+        for (bool strided : {false, true}) {
             for (int N = 2; N <= 8; ++N)
                 for (int shift : {1, -1}) {
                     Trial<T> t(f, strided, N, 2);
                     auto one = [&](int r, int c) { return shift > 0 ? c == (r + 1) % N : c == N - 1 - r; };
                     ASSERT_EQ(t.run([&](int, int r, int c) { return T(one(r, c)); }), StatusOk) << t.where();
-                    for (int i = 0; i < N * N; ++i) EXPECT_EQ(t.dst->at(t.count - 1, i / N, i % N), T(one(i % N, i / N))) << t.where();
+                    for (int i = 0; i < N * N; ++i)
+                        EXPECT_EQ(t.dst->at(t.count - 1, i / N, i % N), T(one(i % N, i / N))) << t.where();
                 }
-    Trial<T> t(fns[0], false, 2, 1);
-    ASSERT_EQ(t.run([](int, int r, int c) { return r == c ? T(1) : r == 0 ? T(1e-09) : T(0); }), StatusOk);
-    EXPECT_EQ(bits(t.dst->at(0, 0, 1)), bits(sizeof(T) == 4 ? -0.0f : T(-1e-09)));
-}
-
-// Pivot rules seen in the status. 32f order 6, a00 = 4 and a leading block
-// of 2e-07: the block is the pivot (two single steps would meet 5e-08). 64f
-// order 5 with a failing leading block: columns 3 and 4 (block 1e-04) come
-// before 0 and 4 (block 1, which would leave a complement of 1e-18), while
-// the scalar kernels see det(A) = 1e-18.
-TYPED_TEST(Invert, PivotRulesInStatus) {
-    using T = TypeParam;
-    const bool is32 = sizeof(T) == 4;
-    const T m[5][5] = {{100, 100, 0, T(0.01), 0}, {100, 100, 0, 0, T(0.01)}, {1, 0, 0, 0, 0}, {0, T(1e-14), 0, 0, 0}, {0, 0, 1, 0, 0}};
-    for (const auto& f : fns)
-        for (bool strided : {false, true}) {
             Trial<T> t(f, strided, is32 ? 6 : 5, 1);
-            const OrsStatus st = t.run([&](int, int r, int c) { return is32 ? T(r != c ? 0 : r == 0 ? 4 : r == 1 ? 5e-08 : 1) : m[r][c]; });
+            auto diag = [](int r) { return r == 0 ? 4 : r == 1 ? 5e-08 : 1; };
+            const OrsStatus st = t.run([&](int, int r, int c) { return is32 ? T(r != c ? 0 : diag(r)) : m[r][c]; });
             EXPECT_EQ(st, !is32 && t.kind == Kind::Scalar ? StatusSingular : StatusOk) << t.where();
         }
+    Trial<T> t(fns[0], false, 2, 1);
+    ASSERT_EQ(t.run([](int, int r, int c) { return r == c ? T(1) : r == 0 ? T(1e-09) : T(0); }), StatusOk);
+    EXPECT_EQ(bits(t.dst->at(0, 0, 1)), bits(is32 ? -0.0f : T(-1e-09)));
 }
 
 // Pointers, count, size, strides, shifts: each fault alone, and the earlier
@@ -202,14 +196,15 @@ TYPED_TEST(Invert, ChecksInOrder) {
         bind_all(c, 3, 3, 2);
         check_every_argument(c);
         const std::pair<std::string, OrsStatus> all[] = {{"buffer=0", StatusNullPointer}, {"count=0", StatusBadCount},
-            {"size=0", StatusBadSize}, {f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1", StatusBadStride},
-            {"srcRoiShift=2", StatusBadRoiShift}};
+            {"size=0", StatusBadSize}, {f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1",
+            StatusBadStride}, {"srcRoiShift=2", StatusBadRoiShift}};
         const gen::Bag good = c.bag();
         auto takes = [&](const std::string& e) { return c.takes(e.substr(0, e.find('='))); };
         for (const auto& x : all)
             for (const auto& y : all)
                 if (&y >= &x && takes(x.first) && takes(y.first)) {
-                    EXPECT_EQ((c.bag() = good, c.set(x.first + " " + y.first).run()), x.second) << c.name() << " " << x.first << " " << y.first;
+                    EXPECT_EQ((c.bag() = good, c.set(x.first + " " + y.first).run()), x.second)
+                        << c.name() << " " << x.first << " " << y.first;
                 }
     }
 }
@@ -246,11 +241,11 @@ TYPED_TEST(Invert, SerialBelowTheLimit) {
 TEST(InvertEstimate, Reciprocal) {
     using orsm::rcp_estimate;
     for (int i = 0; i < 252 * 64; ++i) {
-        const float d = std::ldexp((i % 2 ? -1.0f : 1.0f) * (1.0f + float(i % 64) / 64 + float(i % 7) / 512), i / 64 - 126);
+        const float d = std::ldexp((i % 2 ? -1 : 1) * (1.0f + float(i % 64) / 64 + float(i % 7) / 512), i / 64 - 126);
         EXPECT_LE(std::fabs(double(rcp_estimate(d)) * d - 1), 1.5 / 4096) << d;
     }
-    EXPECT_TRUE(rcp_estimate(-0.0f) == -INFINITY && rcp_estimate(0x1p-140f) == INFINITY && rcp_estimate(-INFINITY) == 0.0f);
-    EXPECT_TRUE(rcp_estimate(0x1p127f) == 0.0f && std::isnan(rcp_estimate(NAN)));
+    EXPECT_TRUE(rcp_estimate(-0.0f) == -INFINITY && rcp_estimate(0x1p-140f) == INFINITY);
+    EXPECT_TRUE(rcp_estimate(-INFINITY) == 0 && rcp_estimate(0x1p127f) == 0.0f && std::isnan(rcp_estimate(NAN)));
 }
 
 }  // namespace

@@ -160,8 +160,8 @@ template <class T> OrsStatus inverse4(const Sq<4, T>& a, Sq<4, T>& out, Test tes
         {(a[1][1] * c1 - a[1][0] * c3) - a[1][2] * c0, (a[0][0] * c3 - a[0][1] * c1) + a[0][2] * c0,
          (a[3][1] * s1 - a[3][0] * s3) - a[3][2] * s0, (a[2][0] * s3 - a[2][1] * s1) + a[2][2] * s0},
     };
-    const T det = det_by_row ? (a[0][0] * adj[0][0] + a[0][1] * adj[1][0]) + (a[0][2] * adj[2][0] + a[0][3] * adj[3][0])
-                             : (a[0][0] * adj[0][0] + a[1][0] * adj[0][1]) + (a[2][0] * adj[0][2] + a[3][0] * adj[0][3]);
+    auto cof = [&](int k) { return det_by_row ? a[0][k] * adj[k][0] : a[k][0] * adj[0][k]; };
+    const T det = (cof(0) + cof(1)) + (cof(2) + cof(3));
     if (!passes(test, det)) return StatusSingular;
     const T r = reciprocal(rc, det);
     for (int i = 0; i < 4; ++i)
@@ -226,7 +226,8 @@ OrsStatus partitioned(const Sq<N, T>& a, const Sq<K, T>& pi, Sq<N, T>& out, InvS
 }
 
 // The columns perm[k] of a moved to k; the result's rows go back.
-template <int N, class T, class Body> OrsStatus exchanged(const Sq<N, T>& a, const int (&perm)[N], Sq<N, T>& out, Body&& body) {
+template <int N, class T, class Body>
+OrsStatus exchanged(const Sq<N, T>& a, const int (&perm)[N], Sq<N, T>& out, Body&& body) {
     T w[N][N], o[N][N];
     for (int r = 0; r < N; ++r)
         for (int k = 0; k < N; ++k) w[r][k] = a[r][perm[k]];
@@ -361,7 +362,7 @@ template <class Src, class Dst, class T> OrsStatus cofactors(const Src& s, const
     const T r = T(1) / whole.det;
     for (int i = 0; i < size; ++i)
         for (int j = 0; j < size; ++j) {
-            const meas::Elimination<T> m = meas::eliminate<LoopTest::NotAtOrAbove>(Minor<Src>{s, i, j}, n, size - 1, buffer);
+            const auto m = meas::eliminate<LoopTest::NotAtOrAbove>(Minor<Src>{s, i, j}, n, size - 1, buffer);
             d(n, j, i) = ((m.ok ? m.det : T(0)) * r) * ((i + j) % 2 ? T(-1) : T(1));
         }
     return StatusOk;
