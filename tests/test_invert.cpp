@@ -20,7 +20,7 @@ template <class T> struct Trial {
     int N, count;
     Kind kind;
     Operand<T> *src, *dst;
-    Packed<T> buf;
+    Packed<T> buf;  // never read back: its contents are scrap
     std::vector<Mat<T>> a, d;  // src, and dst as it stood, then as the model leaves it
     Trial(const std::pair<std::string, Layout>& f, bool strd, int n, int cnt, bool in_place = false)
         : c(f.first, f.second), array(f.first == "Invert_ma"), strided(strd && f.second != Layout::P), N(n),
@@ -42,16 +42,16 @@ template <class T> struct Trial {
         for (int i = 0; i < N * N; ++i) m.push_back(op.at(o, i / N, i % N));
         return m;
     }
-    static bool passes(Kind k, T x) { return k == Kind::Band64 ? !(std::fabs(x) < 1e-15) : std::fabs(x) >= tol; }
     static constexpr T tol = ref::tol<T>();
+    static bool passes(Kind k, T x) { return k == Kind::Band64 ? !(std::fabs(x) < 1e-15) : std::fabs(x) >= tol; }
     // Object o into d[o] where the order is bound; false elsewhere.
     bool model(int o) {
         const Mat<T>& s = src == dst ? d[o] : a[o];  // dst on src: the cofactors read what they wrote
         auto at = [&](int r, int k) { return s[r * N + k]; };
-        if (N == 1 && (array ? !(std::fabs(at(0, 0)) <= T(0x1p-23)) : std::fabs(at(0, 0)) > ref::tol<T>())) {
+        if (N == 1 && (array ? !(std::fabs(at(0, 0)) <= T(0x1p-23)) : std::fabs(at(0, 0)) > tol)) {
             d[o][0] = T(1) / at(0, 0);
         } else if (N == 3 && kind != Kind::Single32) {  // not the refined reciprocal
-            auto m = [&](int j, int i) {  // rows and columns left: j == 0, 2 - (j == 2)
+            auto m = [&](int j, int i) {  // the minor less row j and column i
                 const int r0 = j == 0, r1 = 2 - (j == 2), c0 = i == 0, c1 = 2 - (i == 2);
                 return at(r0, c0) * at(r1, c1) - at(r0, c1) * at(r1, c0);
             };
@@ -114,10 +114,8 @@ TYPED_TEST(Invert, ModelOrResidual) {
                 }
 }
 
-// Diagonal matrices with one small element d, at each place: Tol kernels
-// pass from the tolerance up, the 32f arrays at orders 4 to 6 and the 64f
-// list kernel outside the band; order 1 by its frame's own test. A NaN
-// fails a tolerance and passes a band.
+// Diagonal matrices with one small d at each place: tolerance kernels pass
+// from tol up (a NaN fails), band kernels outside the band (a NaN passes).
 TYPED_TEST(Invert, ThresholdsByKernel) {
     using T = TypeParam;
     const T tol = ref::tol<T>(), band = sizeof(T) == 4 ? T(1e-07) : T(1e-15);
@@ -156,12 +154,11 @@ TYPED_TEST(Invert, ArraysSingularObject) {
                 }
 }
 
-// Pivot searches and rules. Permutations with zero leading elements invert
-// exactly in every kernel. 32f order 6, a00 = 4 and a leading block of
-// 2e-07: the block is the pivot (two single steps would meet 5e-08). 64f
-// order 5 with a failing leading block: columns 3 and 4 (block 1e-04) come
-// before 0 and 4 (block 1, leaving a complement of 1e-18 = det(A), which the
-// scalar kernels see). A 32f minor of 1e-09 counts as 0: its element is -0.
+// Permutations with zero leading elements invert exactly in every kernel.
+// 32f order 6, a00 = 4, leading block 2e-07: the block is the pivot (single
+// steps would meet 5e-08). 64f order 5: columns 3, 4 (block 1e-04) come before
+// 0, 4 (block 1, complement 1e-18 = det(A), as the scalar kernels see it).
+// A 32f minor of 1e-09 counts as 0: its element is -0.
 TYPED_TEST(Invert, PivotSearchesAndRules) {
     using T = TypeParam;
     const bool is32 = sizeof(T) == 4;
@@ -209,10 +206,9 @@ TYPED_TEST(Invert, ChecksInOrder) {
     }
 }
 
-// Serial below 3601 for 32f contiguous S arrays and below 2501 elsewhere
-// (W = 2 count size): in a serialized region a parallel call does member 0's
-// share only. A real team gives the bits of one thread, and a share's
-// status is that of its run: in the 32f arrays, its last object's.
+// Serial below 3601 (32f contiguous S) or 2501 (W = 2 count size); a parallel
+// call in a serialized region does member 0's share only. A real team gives
+// one thread's bits, each share's status by its run (32f arrays: its last).
 TYPED_TEST(Invert, SerialBelowTheLimit) {
     using T = TypeParam;
     Values<T> v(3, 0);
@@ -235,9 +231,8 @@ TYPED_TEST(Invert, SerialBelowTheLimit) {
     }
 }
 
-// The reciprocal estimate of the refined 32f paths is within 1.5 * 2^-12 of
-// 1/d at every exponent, of either sign; subnormals count as zero, and 1/d
-// below the normal range as zero.
+// The 32f reciprocal estimate is within 1.5 * 2^-12 of 1/d at every exponent;
+// subnormals count as zero, and 1/d below the normal range as zero.
 TEST(InvertEstimate, Reciprocal) {
     using orsm::rcp_estimate;
     for (int i = 0; i < 252 * 64; ++i) {
