@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "measures/measures.hpp"
+#include "measures/eliminate.hpp"
 
 namespace orsm::meas {
 
@@ -101,64 +101,6 @@ template <int N, class A, class T> void closed(const A& a, T* dst, int count) {
     }
 }
 
-// ---- elimination ----------------------------------------------------------------------
-//
-// The scratch holds the working copy, size by size packed by rows, then the
-// row table of size 32-bit integers. Rows never move: the table says which
-// row stands at each place.
-
-template <class T> struct Scratch {
-    T* a;
-    unsigned char* q;  // row table, as bytes: the block is typed by the caller
-    int size;
-    T& at(int r, int c) const { return a[ptrdiff_t(r) * size + c]; }
-    int row(int i) const {
-        std::int32_t v;
-        std::memcpy(&v, q + ptrdiff_t(i) * 4, 4);
-        return v;
-    }
-    void set_row(int i, std::int32_t v) const { std::memcpy(q + ptrdiff_t(i) * 4, &v, 4); }
-};
-
-template <class A, class T> T eliminate(const A& src, int n, int size, T* buffer) {
-    constexpr T tol = tolerance<T>();
-    const Scratch<T> w{buffer, reinterpret_cast<unsigned char*>(buffer + ptrdiff_t(size) * size), size};
-    for (int i = 0; i < size; ++i) {
-        w.set_row(i, i);
-        for (int j = 0; j < size; ++j) w.at(i, j) = src(n, i, j);
-    }
-    T pr = 1;
-    int sign = 1;
-    for (int k = 0; k + 1 < size; ++k) {
-        // The first strictly greatest magnitude in table order.
-        int best = k;
-        T big = std::fabs(w.at(w.row(k), k));
-        for (int i = k + 1; i < size; ++i) {
-            const T c = std::fabs(w.at(w.row(i), k));
-            if (c > big) best = i, big = c;
-        }
-        if (best != k) {
-            const int t = w.row(k);
-            w.set_row(k, w.row(best));
-            w.set_row(best, t);
-            sign = -sign;
-        }
-        const int p = w.row(k);
-        const T v = w.at(p, k);
-        // Strict here, not at the last pivot below.
-        if (std::fabs(v) < tol) return T(0);
-        for (int i = k + 1; i < size; ++i) {
-            const int r = w.row(i);
-            const T l = w.at(r, k) / v;
-            for (int j = k + 1; j < size; ++j) w.at(r, j) = w.at(r, j) - w.at(p, j) * l;
-        }
-        pr = v * pr;
-    }
-    const T x = w.at(w.row(size - 1), size - 1);
-    if (std::fabs(x) <= tol) return T(0);
-    return pr * (x * T(sign));
-}
-
 struct Det {
     static constexpr bool uses_buffer = true;
     static constexpr bool single_tests_contiguity = true;
@@ -173,7 +115,11 @@ struct Det {
             default: break;
         }
         // One scratch serves all objects in turn.
-        for (int n = 0; n < count; ++n) dst[n] = eliminate(a, n, g.w, buffer);
+        // A failed elimination answers exactly 0.
+        for (int n = 0; n < count; ++n) {
+            const Elimination<T> e = eliminate<LoopTest::Below>(a, n, g.w, buffer);
+            dst[n] = e.ok ? e.det : T(0);
+        }
     }
 
     // The order counts once, not squared.
