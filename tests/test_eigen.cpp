@@ -1,8 +1,7 @@
-// EigenValuesSym and EigenValuesVectorsSym: values (and vectors) bit for bit
-// against a plain model of each kernel's rules in every form, layout, type
-// and stride mix, with regular, diagonal, singular, tiny, huge (never
-// converging) and NaN objects; worked examples; check orders; the limit
-// cells and a two-thread team; sums and residuals.
+// EigenValuesSym and EigenValuesVectorsSym: results bit for bit against a
+// plain model of each kernel's rules in every form, layout, type and stride
+// mix, over objects that reach every rule; stated cases; check order; the
+// limit cells and a team of two; residuals.
 #include <cmath>
 #include <random>
 
@@ -47,7 +46,7 @@ template <class T> OrsStatus model(Rules R, int N, Mat<T> W, T* d, T* V) {
     }
     for (int i = 0; V && i < N * N; ++i) V[i] = i % (N + 1) == 0;
     for (int k = 1; k < N - 1; ++k) {
-        T s = 0, h, sum;
+        T s = 0, h;
         for (int i = k; i < N; ++i) s += w(i, k - 1) * w(i, k - 1);
         if (R.skip_s && !(s > tol)) continue;
         const T nr = std::sqrt(s), p = w(k, k - 1);
@@ -58,25 +57,18 @@ template <class T> OrsStatus model(Rules R, int N, Mat<T> W, T* d, T* V) {
         else d[k] = p - nr, h = (s - nr * p) * 2;
         if (!(h > tol)) continue;
         const T f = 2 / h;
-        for (int j = k - 1; j < N; ++j) {
-            sum = 0;
-            for (int i = k; i < N; ++i) sum += w(i, j) * d[i];
-            for (int i = k; i < N; ++i) w(i, j) -= d[i] * (f * sum);
-        }
-        for (int r = k - 1; r < N; ++r) {
-            sum = 0;
-            for (int j = k; j < N; ++j) sum += w(r, j) * d[j];
-            for (int j = k; j < N; ++j) w(r, j) -= d[j] * (f * sum);
-        }
-        for (int r = 1; V && r < N; ++r) {
-            if (k == 1) {
-                v(0, r) = v(r, 0) = 0, v(0, 0) = 1;
-                for (int j = r; j < N; ++j) v(r, j) = v(j, r) = j == r ? 1 - f * d[r] * d[r] : d[r] * -f * d[j];
-                continue;
+        // x - d (f sum d x) over the part from k of: W's columns from k-1,
+        // W's rows from k-1, V's rows from 1.
+        for (int side = 0; side < 3; ++side)
+            for (int r = side < 2 ? k - 1 : 1; r < N && (side < 2 || (V && k > 1)); ++r) {
+                auto x = [&](int j) -> T& { return side == 0 ? w(j, r) : side == 1 ? w(r, j) : v(r, j); };
+                T sum = 0;
+                for (int j = k; j < N; ++j) sum += side < 2 ? x(j) * d[j] : d[j] * x(j);
+                for (int j = k; j < N; ++j) x(j) -= d[j] * (f * sum);
             }
-            sum = 0;
-            for (int j = k; j < N; ++j) sum += d[j] * v(r, j);
-            for (int j = k; j < N; ++j) v(r, j) -= d[j] * (f * sum);
+        for (int i = 1; V && k == 1 && i < N; ++i) {  // the first reflection written outright
+            v(0, i) = v(i, 0) = 0, v(0, 0) = 1;
+            for (int j = i; j < N; ++j) v(i, j) = v(j, i) = j == i ? 1 - f * d[i] * d[i] : d[i] * -f * d[j];
         }
     }
     auto small = [&](T e) { return R.negl_double ? !(std::fabs(e * 0.5) > 0x1p-23) : !(std::fabs(e * T(0.5)) > tol); };
@@ -144,41 +136,38 @@ Rules rules(bool vec, bool f32, bool arr, Layout lay, bool strided) {
 // NaN on the diagonal, 7 tridiagonal with the first shift's g between 0
 // and tol, 8 a first column of square sum between tol/4 and tol.
 template <class T> Mat<T> make(int kind, int N, std::mt19937& rng) {
+    const T tol = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52), big = sizeof(T) == 4 ? T(1e18) : T(1e160);
     std::uniform_real_distribution<T> u(-8, 8);
     Mat<T> a(N * N);
-    for (int i = 0; i < N; ++i)
-        for (int j = 0; j <= i; ++j) {
-            const T x = u(rng);
-            a[i * N + j] = a[j * N + i] = kind == 3 || ((kind == 1 || kind == 4) && i != j) ? T(0)
-                                          : kind == 4                                       ? T(0.001)
-                                          : kind == 5                                       ? x * T(sizeof(T) == 4 ? 1e18 : 1e160)
-                                                                                            : x;
-        }
-    for (int i = 2; (kind == 2 || kind == 8) && i < N; ++i) a[i * N] = a[i] = 0;
-    if (kind == 2 && N > 1) a[1] = a[N] = std::fabs(a[1]);
-    if (kind == 8 && N > 1) a[1] = a[N] = T(-1.3) * (sizeof(T) == 4 ? T(0x1p-12) : T(0x1p-27));
-    if (kind == 7) {
-        std::fill(a.begin(), a.end(), T(0));
-        for (int i = 0; i < N; ++i) a[i * N + i] = i == 1 ? 1 + (sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52)) : T(std::max(i, 1));
-        for (int i = 1; i < N; ++i) a[i * N + i - 1] = a[(i - 1) * N + i] = -1;
+    for (int i = 0; i < N * N; ++i) {
+        const T x = u(rng), diag = kind == 4 ? T(0.001) : x;
+        a[i] = i / N > i % N ? a[i % N * N + i / N] : kind == 3 ? 0 : kind == 5 ? x * big : i % (N + 1) == 0 ? diag
+               : kind == 1 || kind == 4 ? 0 : x;
     }
+    for (int i = 2; (kind == 2 || kind == 8) && i < N; ++i) a[i * N] = a[i] = 0;
+    if (N > 1 && (kind == 2 || kind == 8)) a[1] = a[N] = kind == 2 ? std::fabs(a[1]) : T(-1.3) * std::sqrt(tol / 2);
+    for (int i = 0; kind == 7 && i < N * N; ++i)
+        a[i] = i % (N + 1) == 0 ? (i == N + 1 ? 1 + tol : T(std::max(1, i / (N + 1)))) : std::abs(i / N - i % N) == 1 ? -1 : 0;
     if (kind == 6) a[N * N - 1] = NAN;
     return a;
 }
 
 struct Fn {
-    const char* stem;
+    std::string stem;
     Layout lay;
-    bool vec() const { return std::string(stem).find("Vectors") != std::string::npos; }
-    bool arr() const { return std::string(stem).back() == 'a'; }
+    bool vec() const { return stem.find("Vectors") != std::string::npos; }
+    bool arr() const { return stem.back() == 'a'; }
 };
-const Fn fns[] = {{"EigenValuesSym_m", Layout::S},         {"EigenValuesSym_m", Layout::P},
-                  {"EigenValuesSym_ma", Layout::S},        {"EigenValuesSym_ma", Layout::P},
-                  {"EigenValuesSym_ma", Layout::L}};
+std::vector<Fn> fns() {
+    std::vector<Fn> v;
+    for (std::string fam : {"EigenValuesSym_", "EigenValuesVectorsSym_"})
+        for (Fn f : {Fn{"m", Layout::S}, {"m", Layout::P}, {"ma", Layout::S}, {"ma", Layout::P}, {"ma", Layout::L}})
+            v.push_back({fam + f.stem, f.lay});
+    return v;
+}
 
 // A call on guarded operands, and the model's results beside it.
 template <class T> struct Case {
-    Fn fn;
     int N, count;
     Rules R;
     Call<T> c;
@@ -187,19 +176,20 @@ template <class T> struct Case {
     std::vector<Mat<T>> A;
     Mat<T> ed, ev;  // expected values and vectors, all objects
     Case(const Fn& f, int n, bool strided, std::vector<Mat<T>> objs)
-        : fn(f), N(n), count(int(objs.size())), R(rules(f.vec(), sizeof(T) == 4, f.arr(), f.lay, strided)),
-          c(f.stem, f.lay), vals(std::size_t(N) * count), buf(std::size_t(N) * N), A(std::move(objs)) {
+        : N(n), count(int(objs.size())), R(rules(f.vec(), sizeof(T) == 4, f.arr(), f.lay, strided)), c(f.stem, f.lay),
+          vals(std::size_t(N) * count), buf(std::size_t(N) * N), A(std::move(objs)) {
         const Shape sh{N, N, count, f.arr(), !strided};
         src = &c.bind("src", f.arr(), sh, 3);
         src->fill([&](int o, int r, int k) { return A[o][r * N + k]; });
-        if (f.vec()) V = &c.bind("dstVectors", f.arr(), sh, 4);
-        c.ptr(f.vec() ? "dstValues" : "dst") = vals.data();
-        c.ptr("buffer") = buf.data();
-        c.arg("size") = N;
+        if (f.vec()) {  // the group of dstVectors is named dst
+            V = &c.bind("dstVectors", f.arr(), sh, 4);
+            for (auto [sfx, x] : {std::pair{"Stride0", V->s0()}, {"Stride1", V->s1()}, {"Stride2", V->s2()}, {"RoiShift", V->shift()}})
+                if (c.takes(std::string("dst") + sfx)) c.arg(std::string("dst") + sfx) = x;
+        }
+        c.ptr(f.vec() ? "dstValues" : "dst") = vals.data(), c.ptr("buffer") = buf.data(), c.arg("size") = N;
         if (f.arr()) c.arg("count") = count;
         for (int i = 0; i < N * count; ++i) ed.push_back(vals.get(i));
-        for (int o = 0; V && o < count; ++o)
-            for (int i = 0; i < N * N; ++i) ev.push_back(V->at(o, i / N, i % N));
+        for (int i = 0; V && i < N * N * count; ++i) ev.push_back(V->at(i / (N * N), i % (N * N) / N, i % N));
         c.snapshot(), vals.snapshot(), buf.snapshot();
     }
     Case(const Fn& f, int n, int cnt, bool strided, unsigned seed, std::function<int(int)> kind = {})
@@ -209,11 +199,11 @@ template <class T> struct Case {
               for (int o = 0; o < (f.arr() ? cnt : 1); ++o) v.push_back(make<T>(kind ? kind(o) : (o + seed) % 9, n, rng));
               return v;
           }()) {}
-    // The model over shares (first object, objects); the first failure of
-    // each share ends it.
-    OrsStatus expect(std::vector<std::pair<int, int>> shares) {
+    // The model over shares (first object, objects), each ended by its
+    // first failure.
+    OrsStatus expect(std::vector<std::pair<int, int>> shares = {}) {
         OrsStatus out = StatusOk;
-        for (auto [f, k] : shares)
+        for (auto [f, k] : shares.empty() ? decltype(shares){{0, count}} : shares)
             for (int o = f; o < f + k; ++o)
                 if (OrsStatus st = model(R, N, A[o], &ed[o * N], V ? &ev[o * N * N] : nullptr); st != StatusOk) {
                     out = out == StatusOk ? st : out;
@@ -221,7 +211,6 @@ template <class T> struct Case {
                 }
         return out;
     }
-    OrsStatus expect() { return expect({{0, count}}); }
     testing::AssertionResult check() const {
         auto same = [](T x, T y) { return bits(x) == bits(y) || (x != x && y != y); };
         for (int i = 0; i < N * count; ++i)
@@ -239,54 +228,47 @@ template <class T> class Eigen : public testing::Test {};
 using Types = testing::Types<float, double>;
 TYPED_TEST_SUITE(Eigen, Types);
 
-// Every kernel on objects of every kind, both directions of sweep: results,
-// partial results after a failure, and untouched later objects, bit for bit.
+// Every kernel on objects of every kind: results, partial results after a
+// failure and untouched later objects, bit for bit. One thread.
 TYPED_TEST(Eigen, BitExactAgainstModel) {
     unsigned seed = 1;
     ThreadCount one(1);
-    for (const Fn& f : fns)
+    for (const Fn& f : fns())
         for (bool strided : {false, true})
             for (int N : {1, 2, 3, 4, 5, 6, 8, 12})
-                for (int rep = 0; rep < (f.arr() ? 3 : 12); ++rep) {
+                for (int rep = 0; rep < (f.arr() ? 3 : 27); ++rep) {
                     Case<TypeParam> r(f, N, 9, strided, seed++);
-                    const OrsStatus want = r.expect();
-                    EXPECT_EQ(r.c.run(), want) << r.where();
+                    EXPECT_EQ(r.c.run(), r.expect()) << r.where();
                     EXPECT_TRUE(r.check()) << r.where();
                 }
 }
 
-
-// Stated cases of single matrices (dst prefilled with guards): order 1 and
-// 2 by formula, unsorted with a negative trace; the determinant bound of
-// the contiguous 32f array kernel; singular zero and tiny matrices; a
-// diagonal sorted.
-TYPED_TEST(Eigen, ValuesByExample) {
+// Stated cases of single matrices: status, values (empty: dst untouched)
+// and vectors (empty: not looked at).
+TYPED_TEST(Eigen, StatedCases) {
     using T = TypeParam;
     const bool f32 = sizeof(T) == 4;
-    struct Ex {
-        Mat<T> a;
-        OrsStatus st;
-        Mat<T> d;  // empty: dst untouched
-    };
-    for (const Fn& f : fns)
+    const T m = T(0.001), e = T(1e-5), tol = f32 ? T(0x1p-23) : T(0x1p-52);
+    for (const Fn& f : fns())
         for (bool strided : {false, true}) {
-            const bool wide_det = f32 && f.arr() && f.lay == Layout::S && !strided;
-            const T m = T(0.001), e = T(1e-5), tol = f32 ? T(0x1p-23) : T(0x1p-52);
-            const Ex ex[] = {{{0}, StatusOk, {0}},
-                             {{1, 0, 0, 2}, StatusOk, {2, 1}},
-                             {{-1, 0, 0, -2}, StatusOk, {-2, -1}},
-                             {{0, 1, 1, 0}, StatusOk, {1, -1}},
-                             {{1, 2, 2, 4}, StatusSingular, {}},
-                             {{e, 0, 0, e}, wide_det || !f32 ? StatusOk : StatusSingular, {e, e * e / e}},
-                             {Mat<T>(9, T(0)), StatusSingular, {0, 0, 0}},
-                             {{m, 0, 0, 0, m, 0, 0, 0, m}, f32 ? StatusSingular : StatusOk, {m, m, m}},
-                             {{1, 0, 0, 0, 3, 0, 0, 0, 2}, StatusOk, {3, 2, 1}},
-                             {{1, 0, 0, 0, 1, 0, 0, 0, tol}, StatusSingular, {1, 1, tol}}};
-            for (const Ex& x : ex) {
-                Case<T> r(f, int(std::sqrt(x.a.size())), strided, {x.a});
-                EXPECT_EQ(r.c.run(), x.st) << r.where() << " " << x.a[0];
-                if (x.st != StatusOk && x.a.size() == 4) continue;
-                for (int i = 0; i < r.N; ++i) EXPECT_EQ(r.vals.get(i), x.d[i]) << r.where() << " " << x.a[0];
+            const bool wide_det = !f32 || (!f.vec() && f.arr() && f.lay == Layout::S && !strided);  // 2^-52 bound
+            const bool sorted = f.vec() && !f.arr() && (!f32 || f.lay == Layout::P);  // sorted when singular
+            const std::tuple<Mat<T>, OrsStatus, Mat<T>, Mat<T>> ex[] = {
+                {{0}, StatusOk, {0}, {1}},
+                {{-1, 0, 0, -2}, StatusOk, {-2, -1}, {}},
+                {{0, 1, 1, 0}, StatusOk, {1, -1}, {}},
+                {{2, 0, 0, 1}, StatusOk, {2, 1}, {-1, 0, 0, -1}},
+                {{e, 0, 0, e}, wide_det ? StatusOk : StatusSingular, wide_det ? Mat<T>{e, e * e / e} : Mat<T>{}, {}},
+                {{m, 0, 0, 0, m, 0, 0, 0, m}, f32 ? StatusSingular : StatusOk, {m, m, m}, {}},
+                {{1, 0, 0, 0, 1, 0, 0, 0, tol}, StatusSingular, {1, 1, tol}, {}},
+                {{1, 0, 0, 0, 3, 0, 0, 0, 2}, StatusOk, {3, 2, 1}, {0, 0, 1, 1, 0, 0, 0, 1, 0}},
+                {{0, 0, 0, 0, 3, 0, 0, 0, 2}, StatusSingular, sorted ? Mat<T>{3, 2, 0} : Mat<T>{0, 3, 2},
+                 sorted ? Mat<T>{0, 0, 1, 1, 0, 0, 0, 1, 0} : Mat<T>{1, 0, 0, 0, 1, 0, 0, 0, 1}}};
+            for (const auto& [a, st, d, v] : ex) {
+                Case<T> r(f, int(std::sqrt(a.size())), strided, {a});
+                EXPECT_EQ(r.c.run(), st) << r.where() << " " << a[0];
+                for (int i = 0; i < r.N; ++i) EXPECT_EQ(r.vals.get(i), d.empty() ? r.ed[i] : d[i]) << r.where() << " " << a[0];
+                for (int i = 0; r.V && i < int(v.size()); ++i) EXPECT_EQ(r.V->at(0, i / r.N, i % r.N), v[i]) << r.where();
             }
         }
 }
@@ -294,16 +276,15 @@ TYPED_TEST(Eigen, ValuesByExample) {
 // Each fault alone leaves every operand untouched; of two faults the earlier
 // step decides: pointers, size, count, shifts, strides.
 TYPED_TEST(Eigen, ChecksInOrder) {
-    for (const Fn& f : fns) {
+    for (const Fn& f : fns()) {
         Call<TypeParam> c(f.stem, f.lay);
         bind_all(c, 3, 3, 2);
         check_every_argument(c);
-        const std::pair<std::string, OrsStatus> all[] = {
-            {"src=0", StatusNullPointer}, {"size=0", StatusBadSize}, {"count=0", StatusBadCount},
-            {"srcRoiShift=2", StatusBadRoiShift}, {c.takes("srcStride1") ? "srcStride1=3" : "srcStride0=3", StatusBadStride}};
         std::vector<std::pair<std::string, OrsStatus>> steps;
-        for (auto& s : all)
-            if (c.takes(s.first.substr(0, s.first.find('=')))) steps.push_back(s);
+        for (auto& s : {std::pair{"src", StatusNullPointer}, {"size", StatusBadSize}, {"count", StatusBadCount},
+                        {"dstRoiShift", StatusBadRoiShift}, {"srcStride0", StatusBadStride}, {"srcStride1", StatusBadStride}})
+            if (c.takes(s.first))
+                steps.push_back({std::string(s.first) + (s.second == StatusBadStride ? "=3" : s.second == StatusBadRoiShift ? "=2" : "=0"), s.second});
         const gen::Bag good = c.bag();
         for (std::size_t i = 0; i < steps.size(); ++i)
             for (std::size_t j = i + 1; j < steps.size(); ++j) {
@@ -314,11 +295,12 @@ TYPED_TEST(Eigen, ChecksInOrder) {
     }
 }
 
-// The array forms run serially below the limit and go parallel from it,
-// with workspace of their own: in a serialized region a parallel call does
-// member 0's share only and leaves the caller's buffer alone.
-TYPED_TEST(Eigen, LimitCells) {
-    for (const Fn& f : fns) {
+// Serial below the limit, parallel from it with workspace of its own: in a
+// serialized region a parallel call does member 0's share only and leaves
+// the caller's buffer alone. Then a real team of two, with no failure (as
+// one thread would) and with each share stopping at its own failing object.
+TYPED_TEST(Eigen, LimitCellsAndTeam) {
+    for (const Fn& f : fns()) {
         if (!f.arr()) continue;
         auto work = [&](int s, int, int n) { return f.vec() ? (2 * s * s + s) * n : s * (s + 1) * n; };
         const int lim = f.vec() ? 701 : 1001;
@@ -329,63 +311,39 @@ TYPED_TEST(Eigen, LimitCells) {
                 const OrsStatus want = r.expect({{0, par ? first_share(r.count, 2) : r.count}});
                 serialized([&] { EXPECT_EQ(r.c.run(), want); });
                 EXPECT_TRUE(r.check()) << r.where() << " W=" << g[3];
-                EXPECT_EQ(r.buf.unchanged(), par) << r.where();
+                EXPECT_EQ(r.buf.unchanged(), par || r.N < 3) << r.where();
             }
-    }
-}
-
-// A real team of two: each share stops at its own failing object; without
-// failures the results equal those of one thread.
-TYPED_TEST(Eigen, TwoThreads) {
-    for (const Fn& f : fns) {
-        if (!f.arr()) continue;
-        Case<TypeParam> r(f, 4, 63, false, 9, [](int o) { return o == 20 || o == 40 ? 3 : 0; });
-        const OrsStatus want = r.expect({{0, 32}, {32, 31}});
-        ThreadCount two(2);
-        EXPECT_EQ(r.c.run(), want);
-        EXPECT_TRUE(r.check()) << r.where();
-        Case<TypeParam> a(f, 4, 63, false, 9, [](int) { return 0; }), b(f, 4, 63, false, 9, [](int) { return 0; });
-        EXPECT_EQ(a.c.run(), StatusOk);
-        {
-            ThreadCount one(1);
-            EXPECT_EQ(b.c.run(), StatusOk);
+        for (int bad : {-99, 20}) {
+            Case<TypeParam> r(f, 4, 63, false, 9, [&](int o) { return o == bad || o == bad + 20 ? 3 : 0; });
+            const OrsStatus want = r.expect({{0, 32}, {32, 31}});
+            ThreadCount two(2);
+            EXPECT_EQ(r.c.run(), want);
+            EXPECT_TRUE(r.check()) << r.where() << " two threads";
         }
-        for (int i = 0; i < 4 * 63; ++i) EXPECT_EQ(bits(a.vals.get(i)), bits(b.vals.get(i))) << a.where();
     }
 }
 
-// The values are those of the matrix: their sum is the trace and the sum of
-// their squares the squared Frobenius norm; with vectors, A v = lambda v and
-// V is orthonormal.
+// A v = lambda v, V orthonormal, values descending.
 TYPED_TEST(Eigen, Residuals) {
     using T = TypeParam;
     ThreadCount one(1);
-    for (const Fn& f : fns)
-        for (int N = 2; N <= 9; ++N) {
+    for (const Fn& f : fns())
+        for (int N = 2; N <= 9 && f.vec(); ++N) {
             Case<T> r(f, N, 4, false, 40 + N, [](int) { return 0; });
             ASSERT_EQ(r.c.run(), StatusOk) << r.where();
             const double eps = 64 * N * double(std::numeric_limits<T>::epsilon());
-            for (int o = 0; o < r.count; ++o) {
-                auto a = [&](int i, int j) { return double(r.A[o][i * N + j]); };
-                auto lam = [&](int i) { return double(r.vals.get(o * N + i)); };
-                double tr = 0, fr = 0, sum = 0, sq = 0;
-                for (int i = 0; i < N; ++i) {
-                    tr += a(i, i), sum += lam(i), sq += lam(i) * lam(i);
-                    for (int j = 0; j < N; ++j) fr += a(i, j) * a(i, j);
-                }
-                EXPECT_NEAR(sum, tr, eps * std::sqrt(fr)) << r.where();
-                EXPECT_NEAR(sq, fr, eps * fr) << r.where();
-                for (int i = 0; N > 2 && i + 1 < N; ++i) EXPECT_GE(lam(i), lam(i + 1)) << r.where();
-                if (!r.V) continue;
-                auto v = [&](int i, int j) { return double(r.V->at(o, i, j)); };
-                for (int j = 0; j < N; ++j)
+            for (int o = 0; o < r.count; ++o)
+                for (int j = 0; j < N; ++j) {
+                    auto v = [&](int i, int k) { return double(r.V->at(o, i, k)); };
+                    const double lam = r.vals.get(o * N + j);
+                    EXPECT_TRUE(N < 3 || j == 0 || r.vals.get(o * N + j - 1) >= lam) << r.where();
                     for (int i = 0; i < N; ++i) {
-                        double av = -lam(j) * v(i, j), dot = i == j ? -1 : 0;
-                        for (int k = 0; k < N; ++k) av += a(i, k) * v(k, j), dot += v(k, i) * v(k, j);
-                        EXPECT_NEAR(av, 0, eps * std::sqrt(fr)) << r.where() << " column " << j;
+                        double av = -lam * v(i, j), dot = i == j ? -1 : 0;
+                        for (int k = 0; k < N; ++k) av += r.A[o][i * N + k] * v(k, j), dot += v(k, i) * v(k, j);
+                        EXPECT_NEAR(av, 0, 8 * N * eps) << r.where() << " column " << j;
                         EXPECT_NEAR(dot, 0, eps) << r.where() << " columns " << i << " " << j;
                     }
-            }
+                }
         }
 }
 
