@@ -90,7 +90,10 @@ template <Rules R, class T, class V> struct Solver {
                 const T t = f * sum;
                 for (int i = k; i < N; ++i) W(i, j) = W(i, j) - d[i] * t;
             }
-            for (int r = k - 1; r < N; ++r) {  // right side, along rows
+            // Right side, along rows. These sums, and those along V's rows,
+            // run in plain ascending order at every length: a packed order
+            // may differ from it in rounding only.
+            for (int r = k - 1; r < N; ++r) {
                 T sum = 0;
                 for (int j = k; j < N; ++j) sum = sum + W(r, j) * d[j];
                 const T t = f * sum;
