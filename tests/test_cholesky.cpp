@@ -234,7 +234,9 @@ TYPED_TEST(Cholesky, DecompThresholdsAndNaN) {
                 for (int c = 0; c <= r; ++c) t.src->at(o, r, c) = r != c ? T(0) : r == 0 ? x.x : T(1);
         const OrsStatus st = t.c.run();
         EXPECT_EQ(st, x.passes ? StatusOk : StatusNotPositiveDefinite) << t.where << " x=" << x.x;
-        if (x.passes && std::isnan(x.x)) EXPECT_TRUE(std::isnan(t.dst->at(0, 0, 0))) << t.where;
+        if (x.passes && std::isnan(x.x)) {
+            EXPECT_TRUE(std::isnan(t.dst->at(0, 0, 0))) << t.where;
+        }
     }
 }
 
