@@ -192,17 +192,9 @@ TYPED_TEST(Invert, ChecksInOrder) {
         Call<TypeParam> c(f.first, f.second);
         bind_all(c, 3, 3, 2);
         check_every_argument(c);
-        const std::pair<std::string, OrsStatus> all[] = {{"buffer=0", StatusNullPointer}, {"count=0", StatusBadCount},
+        expect_checks_in_order(c, {{"buffer=0", StatusNullPointer}, {"count=0", StatusBadCount},
             {"size=0", StatusBadSize}, {f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1",
-            StatusBadStride}, {"srcRoiShift=2", StatusBadRoiShift}};
-        const gen::Bag good = c.bag();
-        auto takes = [&](const std::string& e) { return c.takes(e.substr(0, e.find('='))); };
-        for (const auto& x : all)
-            for (const auto& y : all)
-                if (&y >= &x && takes(x.first) && takes(y.first)) {
-                    EXPECT_EQ((c.bag() = good, c.set(x.first + " " + y.first).run()), x.second)
-                        << c.name() << " " << x.first << " " << y.first;
-                }
+            StatusBadStride}, {"srcRoiShift=2", StatusBadRoiShift}});
     }
 }
 

@@ -204,6 +204,27 @@ template <class T> void check_every_argument(Call<T>& c) {
     }
 }
 
+// Faults given in the order a family checks them ("name=value", the status
+// it gives): of any two, the same one twice included, the earlier decides
+// and no operand changes. Faults on arguments the call does not take are
+// left out.
+using Fault = std::pair<std::string, OrsStatus>;
+template <class T> void expect_checks_in_order(Call<T>& c, const std::vector<Fault>& faults) {
+    std::vector<Fault> steps;
+    for (const Fault& f : faults)
+        if (c.takes(f.first.substr(0, f.first.find('=')))) steps.push_back(f);
+    c.snapshot();
+    const gen::Bag good = c.bag();
+    for (std::size_t i = 0; i < steps.size(); ++i)
+        for (std::size_t j = i; j < steps.size(); ++j) {
+            c.bag() = good;
+            EXPECT_EQ(c.set(steps[i].first + " " + steps[j].first).run(), steps[i].second)
+                << c.name() << " " << steps[i].first << " " << steps[j].first;
+            EXPECT_TRUE(c.unchanged()) << c.name() << " " << steps[i].first << " " << steps[j].first;
+        }
+    c.bag() = good;
+}
+
 // The first work estimate from `target` on, stepping by `step`, that some
 // geometry reaches exactly: {w, h, count, W}, count 2 or more, sides up to
 // 40 tried from 3 up (orders with paths first), h 1 for vectors.
