@@ -173,8 +173,10 @@ using Types = testing::Types<float, double>;
 TYPED_TEST_SUITE(Cholesky, Types);
 
 // Every kernel and order, sound objects and a failure at each pivot of
-// object 2 (count 6: a group of four and two alone in the four-at-a-time
-// kernel), dst apart and on src. One thread: a failure ends the call.
+// object 2 or 21 (count 37: groups of four and one alone in the
+// four-at-a-time kernel, and groups of every vector width with the scalar
+// path after them), dst apart and on src. One thread: a failure ends the
+// call.
 TYPED_TEST(Cholesky, DecompBitExactWithFailures) {
     unsigned seed = 1;
     ThreadCount one(1);
@@ -183,7 +185,8 @@ TYPED_TEST(Cholesky, DecompBitExactWithFailures) {
             for (int N : {1, 2, 3, 4, 5, 6, 7})
                 for (int pivot = -1; pivot < N; ++pivot)
                     for (bool in_place : {false, true}) {
-                        Decomp<TypeParam> t(f, N, 6, m, seed++, pivot < 0 ? -1 : arr(f) ? 2 : 0, pivot, in_place);
+                        const int bad = pivot < 0 ? -1 : !arr(f) ? 0 : pivot % 2 ? 2 : 21;
+                        Decomp<TypeParam> t(f, N, 37, m, seed++, bad, pivot, in_place);
                         const OrsStatus want = t.model({{0, t.count}});
                         EXPECT_EQ(want, pivot < 0 ? StatusOk : StatusNotPositiveDefinite);
                         EXPECT_EQ(t.c.run(), want) << t.where << " pivot " << pivot;
@@ -192,7 +195,8 @@ TYPED_TEST(Cholesky, DecompBitExactWithFailures) {
 }
 
 // The thresholds and NaN pivots on worked examples: a diagonal matrix with
-// x first; whether the call passes.
+// x first in each of 37 objects (groups of every vector width); whether
+// the call passes.
 TYPED_TEST(Cholesky, DecompThresholdsAndNaN) {
     using T = TypeParam;
     const bool is32 = sizeof(T) == 4;
@@ -228,14 +232,14 @@ TYPED_TEST(Cholesky, DecompThresholdsAndNaN) {
         {decomp_fns[1], false, 5, T(-0.0), false},
     };
     for (const Ex& x : ex) {
-        Decomp<T> t(x.fn, x.N, 4, Mode{x.strided, false}, 3);
+        Decomp<T> t(x.fn, x.N, 37, Mode{x.strided, false}, 3);
         for (int o = 0; o < t.count; ++o)
             for (int r = 0; r < x.N; ++r)
                 for (int c = 0; c <= r; ++c) t.src->at(o, r, c) = r != c ? T(0) : r == 0 ? x.x : T(1);
         const OrsStatus st = t.c.run();
         EXPECT_EQ(st, x.passes ? StatusOk : StatusNotPositiveDefinite) << t.where << " x=" << x.x;
         if (x.passes && std::isnan(x.x)) {
-            EXPECT_TRUE(std::isnan(t.dst->at(0, 0, 0))) << t.where;
+            EXPECT_TRUE(std::isnan(t.dst->at(t.count - 1, 0, 0))) << t.where;
         }
     }
 }
@@ -345,12 +349,12 @@ TYPED_TEST(Cholesky, BackSubstBitExact) {
 }
 
 // The 32f contiguous single-vector kernel's forward rows of 11 terms and
-// more at every alignment of dst (dst elements one element apart, moved by
-// a byte at a time: off a 4-byte boundary the rows stay plain).
+// more at every element alignment of dst within 16 bytes (the peel before
+// the blocks of eight takes 0 to 3 terms).
 TEST(CholeskySingle, PackedRowsAtEveryAlignment) {
     Values<float> v(5, 0);
     for (int N : {11, 12, 19, 20, 27, 40})
-        for (int off = 0; off < 16; ++off) {
+        for (int off = 0; off < 16; off += 4) {
             Mat<float> l(N * N), b(N);
             for (int i = 0; i < N; ++i)
                 for (int k = 0; k <= i; ++k) l[i * N + k] = k == i ? 1 + v() / 2 : v();

@@ -12,6 +12,7 @@
 #include <algorithm>
 
 #include "common/base.hpp"
+#include "common/layout.hpp"
 
 namespace orsm::groups {
 
@@ -27,6 +28,10 @@ template <class T> struct Listed {
     ptrdiff_t shift, s1;
     ORSM_INLINE T* obj(int n) const { return byte_off(table[n], shift); }
 };
+
+// The objects of a contiguous S or L accessor.
+template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
+template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
 // A range of bytes.
 struct Bytes {
@@ -80,6 +85,14 @@ template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, i
     for (int i = 1; i < k; ++i)
         if (at[i] - at[i - 1] < e) return false;
     return true;
+}
+
+// Whether objects [first, first + k) may run side by side when each reads
+// a rows x cols block of src and writes one of dst: dst apart from src, or
+// rewriting it in place object by object.
+template <class S, class D> bool apart_or_in_place(const S& src, const D& dst, int first, int k, int rows, int cols) {
+    const Bytes s = hull(src, first, k, rows, cols), d = hull(dst, first, k, rows, cols);
+    return !s.meets(d) || in_place(src, dst, first, k, rows, cols);
 }
 
 // Runs objects [0, count) in order: W at a time where group(n) takes them

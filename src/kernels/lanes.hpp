@@ -3,6 +3,7 @@
 // with the masks their comparisons give. Per target, like vectors.hpp.
 #pragma once
 
+#include <cmath>
 #include <limits>
 
 #include "kernels/groups.hpp"
@@ -27,6 +28,46 @@ template <class T, int W> ORSM_INLINE bool any(VI<T, W> m) {
     for (int l = 0; l < W; ++l)
         if (m[l]) return true;
     return false;
+}
+
+// Correctly rounded square roots, lane by lane.
+template <class T, int W> ORSM_INLINE V<T, W> vsqrt(V<T, W> x) {
+    constexpr bool f64 = sizeof(T) == 8;
+#if defined(__AVX512F__)
+    // (The masked forms: GCC 12 warns of an undefined operand in the plain ones.)
+    if constexpr (sizeof(x) == 64) {
+        if constexpr (f64) return (V<T, W>)_mm512_mask_sqrt_pd((__m512d)x, __mmask8(0xFF), (__m512d)x);
+        else return (V<T, W>)_mm512_mask_sqrt_ps((__m512)x, __mmask16(0xFFFF), (__m512)x);
+    }
+#endif
+#if defined(__AVX__)
+    if constexpr (sizeof(x) == 32) {
+        if constexpr (f64) return (V<T, W>)_mm256_sqrt_pd((__m256d)x);
+        else return (V<T, W>)_mm256_sqrt_ps((__m256)x);
+    }
+#endif
+    if constexpr (sizeof(x) == 16) {
+        if constexpr (f64) return (V<T, W>)_mm_sqrt_pd((__m128d)x);
+        else return (V<T, W>)_mm_sqrt_ps((__m128)x);
+    }
+    for (int l = 0; l < W; ++l) x[l] = std::sqrt(x[l]);
+    return x;
+}
+
+// orsm::rsqrt_estimate (common/estimates.hpp) in every lane, operation for
+// operation, so that each lane gets the scalar estimate's bits.
+template <int W> ORSM_INLINE V<float, W> rsqrt_estimate(V<float, W> s) {
+    using Vf = V<float, W>;
+    using Vu = vx::Vec<std::uint32_t, W>;
+    Vu b = 0x5F375A86u - ((Vu)s >> 1);
+    Vf y = (Vf)b;
+    y = y * (1.5f - 0.5f * ((s * y) * y));
+    y = y * (1.5f - 0.5f * ((s * y) * y));
+    y = (Vf)(((Vu)y + 0x400u) & ~0x7FFu);
+    const Vf inf = splat<Vf>(std::numeric_limits<float>::infinity());
+    const Vf nan = splat<Vf>(std::numeric_limits<float>::quiet_NaN());
+    y = s >= std::numeric_limits<float>::min() ? y : s >= 0.0f ? inf : nan;
+    return s == inf ? splat<Vf>(0.0f) : y;
 }
 
 // Element (r, c) of objects first .. first + W - 1 of o (groups::Strided or

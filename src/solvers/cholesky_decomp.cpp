@@ -20,10 +20,13 @@
 #include "common/checks.hpp"
 #include "common/estimates.hpp"
 #include "common/parallel.hpp"
+#include "solvers/cholesky.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve {
 namespace {
+
+using namespace chol;
 
 // ---- kernels as data ------------------------------------------------------------------
 
@@ -32,13 +35,6 @@ namespace {
 struct Store {
     int after, r, c0, c1;
 };
-// Which schedule a path keeps.
-enum class Schedule {
-    AsComputed,  // every element as soon as it is computed
-    RowsAfterPivot,  // layout P, orders 3 to 6: a row once its pivot passed
-    Groups,  // the four-objects-at-a-time kernel (32f contiguous arrays)
-};
-
 // The schedule of an unrolled path of order N. AsComputed: row i's
 // elements left of the diagonal before test i, the diagonal after it.
 // RowsAfterPivot: row i after test i, but at orders 3, 5 and 6 row 0 waits
@@ -74,32 +70,6 @@ constexpr Plan plan(Schedule k, int N) {
     return p;
 }
 
-// How one kernel treats one order: its threshold (a pivot must be greater),
-// whether it fails only pivots at or below zero (so a NaN passes), whether
-// its Newton step is the four-at-a-time kernel's, and its schedule.
-struct Kernel {
-    double threshold;
-    bool nan_passes;
-    bool group_step;
-    Schedule schedule;
-};
-
-enum class Form { m, ma };
-
-// The kernel of a call: form, element type, kind and order (0 for the
-// general loop). The thresholds differ on purpose: layout P rejects order-3
-// pivots up to 2^-23 (in 64f too, as a double), and the 64f strided array
-// kernel rejects pivots up to 2^-52 at order 6 and in its general loop.
-template <class T> constexpr Kernel kernel_of(Form form, Kind kind, int N) {
-    const bool fixed = N >= 3 && N <= 6;
-    if (form == Form::ma && sizeof(T) == 4 && kind == Kind::S && fixed)
-        return {0.0, true, true, Schedule::Groups};
-    double thr = 0.0;
-    if (kind == Kind::P && N == 3) thr = 0x1p-23;
-    if (form == Form::ma && sizeof(T) == 8 && kind == Kind::S2 && (N == 6 || !fixed)) thr = 0x1p-52;
-    return {thr, false, false, kind == Kind::P && fixed ? Schedule::RowsAfterPivot : Schedule::AsComputed};
-}
-
 // ---- arithmetic ---------------------------------------------------------------------------
 
 template <class T> ORSM_INLINE bool passes(T s, const Kernel& k) {
@@ -111,9 +81,7 @@ template <class T> ORSM_INLINE T rsqrt(T s, bool group_step) {
     if constexpr (sizeof(T) == 8) {
         return 1.0 / std::sqrt(s);
     } else {
-        const float r = rsqrt_estimate(s);
-        if (group_step) return (r * (3.0f - (r * r) * s)) * 0.5f;
-        return (r * ((s * r) * r - 3.0f)) * -0.5f;
+        return newton_step(rsqrt_estimate(s), s, group_step);
     }
 }
 
@@ -162,6 +130,23 @@ template <class Src, class Dst> OrsStatus general(const Src& s, const Dst& d, in
     return StatusOk;
 }
 
+// The objects the fast paths (cholesky.hpp) factor from the first on, W at
+// a time while whole groups remain, all pivots pass and a group's dst is
+// apart from its src or on it object by object: the scalar path goes on
+// from the first object they leave.
+template <Form form, Kind K, int N, class Src, class Dst> int fast_groups(const Src& s, const Dst& d, int count) {
+    using T = Plain<typename Dst::value_type>;
+    int n = 0;
+    if constexpr (form == Form::ma && (K == Kind::S || K == Kind::L)) {
+        const FastKernels<T>& k = fast_kernels<T>();
+        const GroupOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
+        if (const auto fn = k.of(g, N))
+            while (n + k.lanes <= count && groups::apart_or_in_place(g.src, g.dst, n, k.lanes, N, N) && fn(g, n))
+                n += k.lanes;
+    }
+    return n;
+}
+
 // Objects in order; the first failing one ends the call, its dst as its
 // schedule leaves it, later objects untouched. The four-at-a-time kernel
 // factors four objects side by side while four remain: a pivot failing in
@@ -179,7 +164,7 @@ OrsStatus decomp_kernel(const Src& s, const Dst& d, int size, int count) {
         } else {
             constexpr Plan p = plan(k.schedule, N);
             constexpr int G = k.schedule == Schedule::Groups ? 4 : 1;
-            for (int n = 0; n < count;) {
+            for (int n = fast_groups<form, K, N>(s, d, count); n < count;) {
                 const int g = count - n >= G ? G : 1;
                 T f[G][N][N];
                 int failed = N;

@@ -75,13 +75,6 @@ void solve_general(const A& a, int na, const int* q, const B& b, const D& d, int
     }
 }
 
-// Systems 0 .. count-1. With ManyFactors each has its own matrix and its own
-// table run (mava); otherwise one factor serves every vector and a size path
-// reads it once for all of them.
-// The objects of a contiguous S or L accessor, for the fast paths.
-template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
-template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
-
 // Runs one(n) over systems [0, count); the contiguous S and L kernels hand
 // groups of systems to the fast paths where they can (lu_fast.hpp).
 template <Kind K, int N, class A, class B, class D, class One>
@@ -89,6 +82,7 @@ void solve_objects(const A& a, const int* index, const B& b, const D& d, int cou
     using T = Plain<typename D::value_type>;
     if constexpr (K == Kind::S || K == Kind::L) {
         const LuKernels<T>& k = lu_kernels<T>();
+        using groups::objects;
         const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
         const auto fn = k.of(g, N);
         const int W = fn ? k.solve_lanes : 1;
@@ -98,6 +92,9 @@ void solve_objects(const A& a, const int* index, const B& b, const D& d, int cou
     }
 }
 
+// Systems 0 .. count-1. With ManyFactors each has its own matrix and its own
+// table run (mava); otherwise one factor serves every vector and a size path
+// reads it once for all of them.
 template <bool ManyFactors, Kind K, class A, class B, class D>
 OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d, int size, int count) {
     using T = Plain<typename D::value_type>;

@@ -116,10 +116,6 @@ OrsStatus decomp_general(const Src& s, const Dst& d, int n, int* index, int size
     return mag(d(n, index[size - 1], size - 1)) <= epsilon<T> ? StatusSingular : StatusOk;
 }
 
-// The objects of a contiguous S or L accessor, for the fast paths.
-template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
-template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
-
 // Runs one(n) over objects [0, count) in order; the contiguous S and L
 // kernels hand groups of objects to the fast paths where they can
 // (lu_fast.hpp).
@@ -128,7 +124,7 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&
     using T = Plain<typename Dst::value_type>;
     if constexpr (N != 0 && (K == Kind::S || K == Kind::L)) {
         const LuKernels<T>& k = lu_kernels<T>();
-        const typename Groups<K == Kind::L>::template Decomp<T> g{objects(s), objects(d), index};
+        const typename Groups<K == Kind::L>::template Decomp<T> g{groups::objects(s), groups::objects(d), index};
         const auto fn = k.of(g, N);
         const int W = fn ? k.decomp_lanes : 1;
         return groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && fn(g, n); }, one);

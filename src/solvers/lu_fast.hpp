@@ -74,8 +74,8 @@ template <class T, template <class> class Obj>
 bool safe(const DecompGroup<T, Obj>& g, int N, int first, int W) {
     using groups::Bytes;
     const Bytes idx = Bytes::of(g.index + ptrdiff_t(first) * N, ptrdiff_t(W) * N);
-    const Bytes s = hull(g.src, first, W, N, N), d = hull(g.dst, first, W, N, N);
-    return !idx.meets(s) && !idx.meets(d) && (!s.meets(d) || in_place(g.src, g.dst, first, W, N, N));
+    return !idx.meets(hull(g.src, first, W, N, N)) && !idx.meets(hull(g.dst, first, W, N, N)) &&
+           groups::apart_or_in_place(g.src, g.dst, first, W, N, N);
 }
 template <class T, template <class> class Obj>
 bool safe(const SolveGroup<T, Obj>& g, int N, int first, int W) {

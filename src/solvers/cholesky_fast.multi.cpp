@@ -1,0 +1,71 @@
+// CholeskyDecomp's size paths with lanes over objects, for one
+// instruction-set target (compiled once per target; see cholesky.hpp).
+//
+// Lane l belongs to object first + l and runs that object's scalar path
+// operation for operation: the same products, each rounded and subtracted
+// in turn, the same pivot test, and the same reciprocal root (in 64f a
+// square root and a division, in 32f the estimate and the kernel's Newton
+// step), so every element gets the scalar path's bits.
+#include "kernels/lanes.hpp"
+#include "solvers/cholesky.hpp"
+
+namespace orsm::solve::chol {
+namespace ORSM_TARGET {
+namespace {
+
+using namespace ::orsm::lanes::ORSM_TARGET;
+
+template <class T, int N, int W, bool NanPasses, bool GroupStep, template <class> class Obj>
+bool decomp(const Group<T, Obj>& g, int first) {
+    using Vt = V<T, W>;
+    using Vi = VI<T, W>;
+    Vt f[N][N];
+    for (int i = 0; i < N; ++i)
+        for (int j = 0; j <= i; ++j) f[i][j] = load<W>(g.src, first, i, j);
+    Vi bad = splat<Vi>(IntOf<T>(0));
+    for (int i = 0; i < N; ++i) {
+        for (int j = 0; j < i; ++j) {
+            Vt x = f[i][j];
+            for (int q = 0; q < j; ++q) x = x - f[i][q] * f[j][q];
+            f[i][j] = x * f[j][j];
+        }
+        Vt x = f[i][i];
+        for (int q = 0; q < i; ++q) x = x - f[i][q] * f[i][q];
+        // The four-at-a-time kernel fails pivots at or below zero only, so
+        // that a NaN passes; the others fail whatever is not above zero.
+        bad |= NanPasses ? Vi(x <= T(0)) : Vi(~(x > T(0)));
+        if constexpr (sizeof(T) == 8) f[i][i] = T(1) / vsqrt<T, W>(x);
+        else f[i][i] = newton_step(rsqrt_estimate<W>(x), x, GroupStep);
+    }
+    if (any<T, W>(bad)) return false;
+    for (int l = 0; l < W; ++l) {
+        T* obj = g.dst.obj(first + l);
+        for (int i = 0; i < N; ++i) {
+            T* row = byte_off(obj, i * g.dst.s1);
+            for (int c = 0; c <= i; ++c) row[c] = f[i][c][l];
+        }
+    }
+    return true;
+}
+
+// The contiguous S and L array kernels, order N: threshold zero in both.
+template <class T, int N, Kind K, template <class> class Obj> constexpr auto fn() {
+    constexpr Kernel k = kernel_of<T>(Form::ma, K, N);
+    static_assert(k.threshold == 0.0);
+    return &decomp<T, N, vx::kLanes<T>, k.nan_passes, k.group_step, Obj>;
+}
+template <class T> constexpr FastKernels<T> make() {
+    static_assert(vx::kLanes<T> % 4 == 0 || sizeof(T) == 8, "32f groups keep the four-at-a-time kernel's places");
+    return {vx::kLanes<T>,
+            {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>(), fn<T, 5, Kind::S, Strided>(),
+             fn<T, 6, Kind::S, Strided>()},
+            {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>(), fn<T, 5, Kind::L, Listed>(),
+             fn<T, 6, Kind::L, Listed>()}};
+}
+
+}  // namespace
+}  // namespace ORSM_TARGET
+
+extern const FastTable ORSM_TARGET_SYMBOL(fast_table_) = {ORSM_TARGET::make<float>(), ORSM_TARGET::make<double>()};
+
+}  // namespace orsm::solve::chol
