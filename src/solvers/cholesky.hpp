@@ -65,17 +65,40 @@ template <class T, template <class> class Obj> struct Group {
     Obj<T> dst;
 };
 
+// Systems of CholeskyBackSubst's mava forms, each with a factor of its own.
+template <class T, template <class> class Obj> struct SolveGroup {
+    Obj<const T> a;  // factors
+    Obj<const T> b;  // vectors (s1 unused)
+    Obj<T> d;        // solutions (s1 unused)
+};
 template <class T, bool List>
 using GroupOf = std::conditional_t<List, Group<T, Listed>, Group<T, Strided>>;
+template <class T, bool List>
+using SolveGroupOf = std::conditional_t<List, SolveGroup<T, Listed>, SolveGroup<T, Strided>>;
 
 template <class T> struct FastKernels {
+    // A factorisation returns false, having written nothing, when a pivot
+    // of one of its objects fails.
     template <template <class> class Obj> using Fn = bool (*)(const Group<T, Obj>&, int first);
-    int lanes;
+    template <template <class> class Obj> using SolveFn = void (*)(const SolveGroup<T, Obj>&, int first);
+    int lanes, solve_lanes;
     Fn<Strided> s[4];  // [order - 3]
     Fn<Listed> l[4];
+    SolveFn<Strided> solve_s[4];
+    SolveFn<Listed> solve_l[4];
     Fn<Strided> of(const Group<T, Strided>&, int N) const { return s[N - 3]; }
     Fn<Listed> of(const Group<T, Listed>&, int N) const { return l[N - 3]; }
+    SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
+    SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
 };
+
+// Whether systems [first, first + W) may be solved side by side: their
+// solutions apart from the factors, and apart from the vectors or on them
+// system by system.
+template <class T, template <class> class Obj> bool safe(const SolveGroup<T, Obj>& g, int N, int first, int W) {
+    return !hull(g.d, first, W, 1, N).meets(hull(g.a, first, W, N, N)) &&
+           groups::apart_or_in_place(g.b, g.d, first, W, 1, N);
+}
 using FastTable = isa::ByType<FastKernels>;
 extern const FastTable fast_table_sse2, fast_table_avx2, fast_table_avx512;
 inline const FastTable* const kFastTables[isa::kTargets] = {&fast_table_sse2, &fast_table_avx2, &fast_table_avx512};

@@ -17,6 +17,7 @@
 
 #include "common/checks.hpp"
 #include "common/parallel.hpp"
+#include "solvers/cholesky.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve {
@@ -97,6 +98,23 @@ template <int N, class T, class B, class D> ORSM_INLINE void solve_fixed(const F
     for (int i = 0; i < N; ++i) d.v(n, i) = y[i];
 }
 
+// The systems of a contiguous S or L mava call that the fast paths
+// (cholesky.hpp) solve from the first on, W at a time while whole groups
+// remain and their operands allow; the scalar path goes on from there.
+template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, const B& b, const D& d, int count) {
+    using T = Plain<typename D::value_type>;
+    int n = 0;
+    if constexpr (K == Kind::S || K == Kind::L) {
+        using groups::objects;
+        const chol::FastKernels<T>& k = chol::fast_kernels<T>();
+        const chol::SolveGroupOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
+        const int W = k.solve_lanes;
+        if (const auto fn = k.of(g, N))
+            for (; n + W <= count && safe(g, N, n, W); n += W) fn(g, n);
+    }
+    return n;
+}
+
 // Systems 0 .. count-1: with a factor each (mava), or one factor read once
 // for all of them.
 template <Form form, Kind K, class A, class B, class D>
@@ -109,7 +127,7 @@ OrsStatus backsubst_kernel(const A& a, const B& b, const D& d, int size, int cou
         if constexpr (N == 0) {
             for (int n = 0; n < count; ++n) solve_general<packed>(a, many ? n : 0, b, d, n, size);
         } else if constexpr (many) {
-            for (int n = 0; n < count; ++n) {
+            for (int n = fast_solves<K, N>(a, b, d, count); n < count; ++n) {
                 Factor<N, T> f;
                 f.load(a, n);
                 solve_fixed(f, b, d, n);

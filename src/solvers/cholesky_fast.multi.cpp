@@ -48,19 +48,52 @@ bool decomp(const Group<T, Obj>& g, int first) {
     return true;
 }
 
+// ---- CholeskyBackSubst, mava ----------------------------------------------------------
+
+// Forward with the rows of L, then back with its columns, y in registers.
+template <class T, int N, int W, template <class> class Obj> void solve(const SolveGroup<T, Obj>& g, int first) {
+    using Vt = V<T, W>;
+    Vt l[N][N], y[N];
+    for (int i = 0; i < N; ++i) {
+        for (int k = 0; k <= i; ++k) l[i][k] = load<W>(g.a, first, i, k);
+        y[i] = load<W>(g.b, first, 0, i);
+    }
+    for (int i = 0; i < N; ++i) {
+        Vt s = y[i];
+        for (int k = 0; k < i; ++k) s = s - l[i][k] * y[k];
+        y[i] = s * l[i][i];
+    }
+    for (int i = N - 1; i >= 0; --i) {
+        Vt s = y[i];
+        for (int k = N - 1; k > i; --k) s = s - l[k][i] * y[k];
+        y[i] = s * l[i][i];
+    }
+    for (int l2 = 0; l2 < W; ++l2) {
+        T* d = g.d.obj(first + l2);
+        for (int i = 0; i < N; ++i) d[i] = y[i][l2];
+    }
+}
+
 // The contiguous S and L array kernels, order N: threshold zero in both.
 template <class T, int N, Kind K, template <class> class Obj> constexpr auto fn() {
     constexpr Kernel k = kernel_of<T>(Form::ma, K, N);
     static_assert(k.threshold == 0.0);
     return &decomp<T, N, vx::kLanes<T>, k.nan_passes, k.group_step, Obj>;
 }
+// The solve loads one element per lane, which outweighs its arithmetic
+// beyond eight lanes.
+template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
 template <class T> constexpr FastKernels<T> make() {
     static_assert(vx::kLanes<T> % 4 == 0 || sizeof(T) == 8, "32f groups keep the four-at-a-time kernel's places");
+    constexpr int S = kSolveLanes<T>;
     return {vx::kLanes<T>,
+            S,
             {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>(), fn<T, 5, Kind::S, Strided>(),
              fn<T, 6, Kind::S, Strided>()},
             {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>(), fn<T, 5, Kind::L, Listed>(),
-             fn<T, 6, Kind::L, Listed>()}};
+             fn<T, 6, Kind::L, Listed>()},
+            {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
+            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>}};
 }
 
 }  // namespace
