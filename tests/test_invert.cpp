@@ -154,6 +154,34 @@ TYPED_TEST(Invert, ArraysSingularObject) {
                 }
 }
 
+// The contiguous arrays over 37 objects (groups of every vector width, the
+// scalar path after them) give each object what a call on it alone gives,
+// with a singular object (zero, or a determinant just below both the
+// tolerance and the band) nowhere, inside a group or last.
+TYPED_TEST(Invert, ArraysAsOneByOne) {
+    using T = TypeParam;
+    Values<T> v(11, 0);
+    for (int fi : {2, 4})
+        for (int N = 3; N <= 5; ++N)
+            for (int bad : {-1, 21, 36}) {
+                Trial<T> t(fns[fi], false, N, 37);
+                const T x = T(0.75) * std::min(ref::tol<T>(), T(sizeof(T) == 4 ? 1e-07 : 1e-15));
+                auto gen = [&](int o, int r, int c) {
+                    if (o == bad) return bad == 21 ? T(r != c ? 0 : r == 1 ? x : 1) : T(0);
+                    return v() / 8 + 4 * (r == c);
+                };
+                const OrsStatus st = t.run(gen);
+                const bool every = t.kind == Kind::Arrays32;
+                EXPECT_EQ(st, bad < 0 || (every && bad != 36) ? StatusOk : StatusSingular) << t.where() << " " << bad;
+                for (int o = 0; o < t.count; ++o) {
+                    Trial<T> one(fns[fi], false, N, 1);
+                    one.run([&](int, int r, int c) { return t.a[o][r * N + c]; });
+                    const Mat<T> want = every || bad < 0 || o < bad ? one.get(*one.dst, 0) : t.d[o];
+                    EXPECT_EQ(want, t.get(*t.dst, o)) << t.where() << " object " << o << " bad " << bad;
+                }
+            }
+}
+
 // Permutations with zero leading elements invert exactly in every kernel.
 // 32f order 6, a00 = 4, leading block 2e-07: the block is the pivot (single
 // steps would meet 5e-08). 64f order 5: columns 3, 4 (block 1e-04) come before

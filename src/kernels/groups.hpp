@@ -29,6 +29,15 @@ template <class T> struct Listed {
     ORSM_INLINE T* obj(int n) const { return byte_off(table[n], shift); }
 };
 
+// The operands of a kernel that reads an object of src and writes one of
+// dst.
+template <class T, template <class> class Obj> struct SrcDst {
+    Obj<const T> src;
+    Obj<T> dst;
+};
+template <class T, bool List>
+using SrcDstOf = std::conditional_t<List, SrcDst<T, Listed>, SrcDst<T, Strided>>;
+
 // The objects of a contiguous S or L accessor.
 template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
 template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }

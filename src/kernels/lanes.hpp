@@ -70,6 +70,25 @@ template <int W> ORSM_INLINE V<float, W> rsqrt_estimate(V<float, W> s) {
     return s == inf ? splat<Vf>(0.0f) : y;
 }
 
+// orsm::rcp_estimate (common/estimates.hpp) in every lane, operation for
+// operation.
+template <int W> ORSM_INLINE V<float, W> rcp_estimate(V<float, W> d) {
+    using Vf = V<float, W>;
+    using Vu = vx::Vec<std::uint32_t, W>;
+    const Vu b0 = (Vu)d;
+    const Vu sign = b0 & 0x80000000u, ex = (b0 >> 23) & 0xFFu;
+    const Vf m = (Vf)((b0 & 0x007FFFFFu) | 0x3F800000u);
+    Vf y = 24.0f / 17.0f - (8.0f / 17.0f) * m;
+    y = y * (2.0f - m * y);
+    y = y * (2.0f - m * y);
+    y = (Vf)(((Vu)y + 0x400u) & ~0x7FFu);
+    const Vu clamped = ex > 253u ? splat<Vu>(253u) : ex < 1u ? splat<Vu>(1u) : ex;
+    y = y * (Vf)((254u - clamped) << 23);
+    y = ex == 0u ? splat<Vf>(std::numeric_limits<float>::infinity()) : ex >= 253u ? splat<Vf>(0.0f) : y;
+    y = (Vf)((Vu)y | sign);
+    return d != d ? d : y;
+}
+
 // Element (r, c) of objects first .. first + W - 1 of o (groups::Strided or
 // Listed), a lane at a time: on the processors measured that beats the
 // gather instructions, and a transpose of whole objects did no better.

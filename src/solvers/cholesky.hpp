@@ -60,10 +60,7 @@ template <class F> ORSM_INLINE F newton_step(F r, F s, bool group_step) {
 using groups::Listed;
 using groups::Strided;
 
-template <class T, template <class> class Obj> struct Group {
-    Obj<const T> src;
-    Obj<T> dst;
-};
+template <class T, template <class> class Obj> using Group = groups::SrcDst<T, Obj>;
 
 // Systems of CholeskyBackSubst's mava forms, each with a factor of its own.
 template <class T, template <class> class Obj> struct SolveGroup {
@@ -71,8 +68,7 @@ template <class T, template <class> class Obj> struct SolveGroup {
     Obj<const T> b;  // vectors (s1 unused)
     Obj<T> d;        // solutions (s1 unused)
 };
-template <class T, bool List>
-using GroupOf = std::conditional_t<List, Group<T, Listed>, Group<T, Strided>>;
+template <class T, bool List> using GroupOf = groups::SrcDstOf<T, List>;
 template <class T, bool List>
 using SolveGroupOf = std::conditional_t<List, SolveGroup<T, Listed>, SolveGroup<T, Strided>>;
 

@@ -29,46 +29,13 @@
 #include "common/estimates.hpp"
 #include "common/parallel.hpp"
 #include "measures/eliminate.hpp"
+#include "solvers/invert.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve {
 namespace {
 
-template <class T> constexpr T tol = meas::tolerance<T>();
-// The band: the doubles nearest 1e-07 and 1e-15.
-template <class T> constexpr double band = sizeof(T) == 4 ? 1e-07 : 1e-15;
-
-// A singularity test: Tol passes |x| at or above the tolerance (a NaN
-// fails); Band fails x strictly between -band and +band, x taken as a
-// double (a NaN passes).
-enum class Test { Tol, Band };
-// True: one division. Refined: the 32f estimate and one Newton step.
-enum class Recip { True, Refined };
-enum class Method { Scalar, Packed32, Packed64 };
-
-struct Rules {
-    Method method;
-    Test test3, test;     // order 3; orders 4 to 6
-    Recip recip3, recip;  // order 3; orders 4 to 6
-    bool array32;         // 32f contiguous arrays: last status, row 0 as scratch
-};
-
-template <class T> constexpr Rules rules(Kind k, bool single) {
-    if (k == Kind::S2 || k == Kind::P || k == Kind::LS2)
-        return {Method::Scalar, Test::Tol, Test::Tol, Recip::True, Recip::True, false};
-    if (sizeof(T) == 8) {
-        const Test t = k == Kind::L ? Test::Band : Test::Tol;  // only the list form uses the band
-        return {Method::Packed64, t, t, Recip::True, Recip::True, false};
-    }
-    if (single) return {Method::Packed32, Test::Tol, Test::Tol, Recip::Refined, Recip::Refined, false};
-    // The arrays' order-3 kernel is scalar: its test (on |det| as a double,
-    // the same as in 32f) and a true division.
-    return {Method::Packed32, Test::Tol, Test::Band, Recip::True, Recip::Refined, true};
-}
-
-// The rules of a kernel, named as a constant of its own (a local constexpr
-// copy inside the OpenMP regions trips some compilers).
-template <class T, Kind K, bool Single> inline constexpr Rules rules_of = rules<T>(K, Single);
+using namespace inv;
 
 template <class T> ORSM_INLINE bool passes(Test t, T x) {
     if (t == Test::Tol) return std::fabs(x) >= tol<T>;
@@ -84,84 +51,19 @@ template <class T> ORSM_INLINE T reciprocal(Recip rc, T d) {
     return T(1) / d;
 }
 
-template <int N, class T> using Sq = T[N][N];
-
-// ---- adjugate: the scalar size paths and every order-3 path ------------------------
-//
-// M[j][i] is the minor that leaves out row j and column i, expanded from the
-// 2 by 2 minors upward: D(S) for a set S of k columns is the determinant of
-// the first k rows left on S, along its last row, terms from the last column
-// of S to the first, alternating from plus. A 2 by 2 minor on rows i < k and
-// columns j < l is thus a(i,j) a(k,l) - a(i,l) a(k,j).
-template <int N, class T> ORSM_INLINE void minors(const Sq<N, T>& a, Sq<N, T>& M) {
-    constexpr int full = (1 << N) - 1;
-    for (int j = 0; j < N; ++j) {
-        auto row = [&](int k) { return k < j ? k : k + 1; };  // k-th row left
-        T D[1 << N];
-        for (int c = 0; c < N; ++c) D[1 << c] = a[row(0)][c];
-        for (int k = 2; k < N; ++k)
-            for (int mask = 0; mask < full; ++mask) {
-                if (__builtin_popcount(mask) != k) continue;
-                int t = 0;
-                T s = 0;
-                for (int c = N - 1; c >= 0; --c) {
-                    if (!(mask >> c & 1)) continue;
-                    const T p = a[row(k - 1)][c] * D[mask & ~(1 << c)];
-                    s = t == 0 ? p : t % 2 ? s - p : s + p;
-                    ++t;
-                }
-                D[mask] = s;
-            }
-        for (int i = 0; i < N; ++i) M[j][i] = D[full & ~(1 << i)];
-    }
-}
-
-// All of a is read before out is written, so dst may be src.
+// The adjugate path: the scalar kinds' orders 3 to 6 and every order 3.
 template <int N, class T> OrsStatus adjugate(const Sq<N, T>& a, Sq<N, T>& out, Test test, Recip rc, bool det_p64) {
-    T M[N][N];
-    minors<N>(a, M);
-    T det;
-    if (det_p64) {  // the packed 64f order-3 order
-        det = ((a[0][0] * M[0][0]) + (a[2][0] * M[2][0])) - (a[1][0] * M[1][0]);
-    } else {  // down column 0 from the last row up, left to right
-        const T first = a[N - 1][0] * M[N - 1][0];
-        det = (N - 1) % 2 ? -first : first;
-        for (int i = N - 2; i >= 0; --i) {
-            const T p = a[i][0] * M[i][0];
-            det = i % 2 ? det - p : det + p;
-        }
-    }
+    T adj[N][N];
+    const T det = inv::adjugate<N>(a, adj, det_p64);
     if (!passes(test, det)) return StatusSingular;
     const T r = reciprocal(rc, det);
     for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) out[i][j] = (i + j) % 2 ? (T(0) - M[j][i]) * r : M[j][i] * r;
+        for (int j = 0; j < N; ++j) out[i][j] = adj[i][j] * r;
     return StatusOk;
 }
-
-// ---- order 4 of the packed kinds -----------------------------------------------------
-//
-// The twelve 2 by 2 minors of rows 0-1 and rows 2-3, the adjugate from them,
-// the determinant by row 0 (32f, against its cofactors) or by column 0
-// (64f), one reciprocal.
 template <class T> OrsStatus inverse4(const Sq<4, T>& a, Sq<4, T>& out, Test test, Recip rc, bool det_by_row) {
-    const T s0 = a[0][0] * a[1][1] - a[0][1] * a[1][0], s1 = a[0][0] * a[1][2] - a[0][2] * a[1][0];
-    const T s2 = a[0][0] * a[1][3] - a[0][3] * a[1][0], s3 = a[0][1] * a[1][2] - a[0][2] * a[1][1];
-    const T s4 = a[0][1] * a[1][3] - a[0][3] * a[1][1], s5 = a[0][2] * a[1][3] - a[0][3] * a[1][2];
-    const T c0 = a[2][0] * a[3][1] - a[2][1] * a[3][0], c1 = a[2][0] * a[3][2] - a[2][2] * a[3][0];
-    const T c2 = a[2][0] * a[3][3] - a[2][3] * a[3][0], c3 = a[2][1] * a[3][2] - a[2][2] * a[3][1];
-    const T c4 = a[2][1] * a[3][3] - a[2][3] * a[3][1], c5 = a[2][2] * a[3][3] - a[2][3] * a[3][2];
-    const T adj[4][4] = {
-        {(a[1][1] * c5 - a[1][2] * c4) + a[1][3] * c3, (a[0][2] * c4 - a[0][1] * c5) - a[0][3] * c3,
-         (a[3][1] * s5 - a[3][2] * s4) + a[3][3] * s3, (a[2][2] * s4 - a[2][1] * s5) - a[2][3] * s3},
-        {(a[1][2] * c2 - a[1][0] * c5) - a[1][3] * c1, (a[0][0] * c5 - a[0][2] * c2) + a[0][3] * c1,
-         (a[3][2] * s2 - a[3][0] * s5) - a[3][3] * s1, (a[2][0] * s5 - a[2][2] * s2) + a[2][3] * s1},
-        {(a[1][0] * c4 - a[1][1] * c2) + a[1][3] * c0, (a[0][1] * c2 - a[0][0] * c4) - a[0][3] * c0,
-         (a[3][0] * s4 - a[3][1] * s2) + a[3][3] * s0, (a[2][1] * s2 - a[2][0] * s4) - a[2][3] * s0},
-        {(a[1][1] * c1 - a[1][0] * c3) - a[1][2] * c0, (a[0][0] * c3 - a[0][1] * c1) + a[0][2] * c0,
-         (a[3][1] * s1 - a[3][0] * s3) - a[3][2] * s0, (a[2][0] * s3 - a[2][1] * s1) + a[2][2] * s0},
-    };
-    auto cof = [&](int k) { return det_by_row ? a[0][k] * adj[k][0] : a[k][0] * adj[0][k]; };
-    const T det = (cof(0) + cof(1)) + (cof(2) + cof(3));
+    T adj[4][4];
+    const T det = adjugate4(a, adj, det_by_row);
     if (!passes(test, det)) return StatusSingular;
     const T r = reciprocal(rc, det);
     for (int i = 0; i < 4; ++i)
@@ -371,18 +273,35 @@ template <class Src, class Dst, class T> OrsStatus cofactors(const Src& s, const
 // Objects in order, stopping at the first singular one; but the 32f
 // contiguous array kernels run every object of orders 3 to 6 and return the
 // last one's status, a singular object elsewhere passing in silence.
+// Orders 3 and 4 of the contiguous S and L arrays hand groups of W objects
+// to the fast paths (invert.hpp) where they can.
 template <Kind K, bool Single, class Src, class Dst, class T>
 OrsStatus invert_kernel(const Src& s, const Dst& d, T* buffer, int size, int count) {
     const Rules& R = rules_of<T, K, Single>;
     return by_order(size, [&](auto order) {
         constexpr int N = decltype(order)::value;
-        OrsStatus st = StatusOk;
-        for (int n = 0; n < count; ++n) {
-            if constexpr (N == 0) st = cofactors(s, d, n, size, buffer);
-            else st = size_path<N>(R, s, d, n);
-            if (st != StatusOk && !(N != 0 && R.array32)) return st;
+        OrsStatus last = StatusOk;
+        auto one = [&](int n) {
+            if constexpr (N == 0) last = cofactors(s, d, n, size, buffer);
+            else last = size_path<N>(R, s, d, n);
+            return R.array32 && N != 0 ? StatusOk : last;
+        };
+        if constexpr (!Single && (N == 3 || N == 4) && (K == Kind::S || K == Kind::L)) {
+            const FastKernels<T>& k = fast_kernels<T>();
+            const groups::SrcDstOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
+            const auto fn = k.of(g, N);
+            const int W = fn ? k.lanes : 1;
+            auto group = [&](int n) {
+                const bool done = groups::apart_or_in_place(g.src, g.dst, n, W, N, N) && fn(g, n);
+                if (done) last = StatusOk;
+                return done;
+            };
+            if (const OrsStatus st = groups::in_groups(count, W, group, one); st != StatusOk) return st;
+        } else {
+            if (const OrsStatus st = groups::in_groups(count, 1, [](int) { return false; }, one); st != StatusOk)
+                return st;
         }
-        return st;
+        return last;
     });
 }
 

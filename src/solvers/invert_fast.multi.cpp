@@ -1,0 +1,84 @@
+// Invert's orders 3 and 4 with lanes over objects, for one instruction-set
+// target (compiled once per target; see invert.hpp).
+//
+// Lane l belongs to object first + l and runs the scalar path's closed form
+// on it: the same minors, adjugate and determinant (invert.hpp's templates,
+// instantiated on vectors), the same singularity test and the same
+// reciprocal, so every element gets the scalar path's bits.
+#include "kernels/lanes.hpp"
+#include "solvers/invert.hpp"
+
+namespace orsm::solve::inv {
+namespace ORSM_TARGET {
+namespace {
+
+using namespace ::orsm::lanes::ORSM_TARGET;
+using groups::Listed;
+using groups::SrcDst;
+using groups::Strided;
+
+// The lanes whose determinant fails the test (Tol: |x| below the
+// tolerance, or NaN; Band: strictly inside the band as a double).
+template <class T, int W> ORSM_INLINE VI<T, W> fails(Test t, V<T, W> x) {
+    using Vi = VI<T, W>;
+    if (t == Test::Tol) return Vi(~(vabs<T, W>(x) >= tol<T>));
+    if constexpr (sizeof(T) == 8) {
+        return Vi((x > -band<T>) & (x < band<T>));
+    } else {
+        using Vd = vx::Vec<double, W>;
+        const Vd xd = __builtin_convertvector(x, Vd);
+        return __builtin_convertvector((xd > -band<T>) & (xd < band<T>), Vi);
+    }
+}
+
+template <class T, int W> ORSM_INLINE V<T, W> reciprocal(Recip rc, V<T, W> d) {
+    if constexpr (sizeof(T) == 4) {
+        if (rc == Recip::Refined) {
+            const V<T, W> x = rcp_estimate<W>(d);
+            return (x + x) - d * (x * x);
+        }
+    }
+    return T(1) / d;
+}
+
+template <class T, int N, int W, Test test, Recip rc, bool alt, template <class> class Obj>
+bool invert(const SrcDst<T, Obj>& g, int first) {
+    using Vt = V<T, W>;
+    Vt a[N][N], adj[N][N];
+    load<W>(a, g.src, first);
+    Vt det;
+    if constexpr (N == 3) det = adjugate<3>(a, adj, alt);
+    else det = adjugate4(a, adj, alt);
+    if (any<T, W>(fails<T, W>(test, det))) return false;
+    const Vt r = reciprocal<T, W>(rc, det);
+    for (int l = 0; l < W; ++l) {
+        T* obj = g.dst.obj(first + l);
+        for (int i = 0; i < N; ++i) {
+            T* row = byte_off(obj, i * g.dst.s1);
+            for (int c = 0; c < N; ++c) row[c] = adj[i][c][l] * r[l];
+        }
+    }
+    return true;
+}
+
+// The kernel of kind K at order N, as the scalar size paths choose: order
+// 3 the adjugate (the 64f order its own), order 4 the packed kinds' closed
+// form (determinant by row in 32f, by column in 64f).
+template <class T, int N, Kind K, template <class> class Obj> constexpr auto fn() {
+    constexpr Rules R = rules<T>(K, false);
+    constexpr bool f64 = R.method == Method::Packed64;
+    if constexpr (N == 3) return &invert<T, 3, vx::kLanes<T>, R.test3, R.recip3, f64, Obj>;
+    else return &invert<T, 4, vx::kLanes<T>, R.test, R.recip, !f64, Obj>;
+}
+template <class T> constexpr FastKernels<T> make() {
+    return {vx::kLanes<T>,
+            {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>()},
+            {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>()}};
+}
+
+}  // namespace
+}  // namespace ORSM_TARGET
+
+extern const FastTable ORSM_TARGET_SYMBOL(fast_table_) = {ORSM_TARGET::make<float>(), ORSM_TARGET::make<double>()};
+
+}  // namespace orsm::solve::inv
