@@ -270,11 +270,31 @@ template <class Src, class Dst, class T> OrsStatus cofactors(const Src& s, const
     return StatusOk;
 }
 
+// Runs one(n) over objects [0, count) in order; orders 3 and 4 of the
+// contiguous S and L arrays hand groups of W objects to the fast paths
+// (invert.hpp) where they can, calling done() after each.
+template <Kind K, bool Single, int N, class Src, class Dst, class One, class Done>
+OrsStatus invert_objects(const Src& s, const Dst& d, int count, One&& one, Done&& done) {
+    using T = Plain<typename Dst::value_type>;
+    if constexpr (!Single && (N == 3 || N == 4) && (K == Kind::S || K == Kind::L)) {
+        const FastKernels<T>& k = fast_kernels<T>();
+        const groups::SrcDstOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
+        const auto fn = k.of(g, N);
+        const int W = fn ? k.lanes : 1;
+        auto group = [&](int n) {
+            const bool ok = groups::apart_or_in_place(g.src, g.dst, n, W, N, N) && fn(g, n);
+            if (ok) done();
+            return ok;
+        };
+        return groups::in_groups(count, W, group, one);
+    } else {
+        return groups::in_groups(count, 1, [](int) { return false; }, one);
+    }
+}
+
 // Objects in order, stopping at the first singular one; but the 32f
 // contiguous array kernels run every object of orders 3 to 6 and return the
 // last one's status, a singular object elsewhere passing in silence.
-// Orders 3 and 4 of the contiguous S and L arrays hand groups of W objects
-// to the fast paths (invert.hpp) where they can.
 template <Kind K, bool Single, class Src, class Dst, class T>
 OrsStatus invert_kernel(const Src& s, const Dst& d, T* buffer, int size, int count) {
     const Rules& R = rules_of<T, K, Single>;
@@ -286,22 +306,8 @@ OrsStatus invert_kernel(const Src& s, const Dst& d, T* buffer, int size, int cou
             else last = size_path<N>(R, s, d, n);
             return R.array32 && N != 0 ? StatusOk : last;
         };
-        if constexpr (!Single && (N == 3 || N == 4) && (K == Kind::S || K == Kind::L)) {
-            const FastKernels<T>& k = fast_kernels<T>();
-            const groups::SrcDstOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
-            const auto fn = k.of(g, N);
-            const int W = fn ? k.lanes : 1;
-            auto group = [&](int n) {
-                const bool done = groups::apart_or_in_place(g.src, g.dst, n, W, N, N) && fn(g, n);
-                if (done) last = StatusOk;
-                return done;
-            };
-            if (const OrsStatus st = groups::in_groups(count, W, group, one); st != StatusOk) return st;
-        } else {
-            if (const OrsStatus st = groups::in_groups(count, 1, [](int) { return false; }, one); st != StatusOk)
-                return st;
-        }
-        return last;
+        const OrsStatus st = invert_objects<K, Single, N>(s, d, count, one, [&] { last = StatusOk; });
+        return st != StatusOk ? st : last;
     });
 }
 
