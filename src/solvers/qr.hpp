@@ -13,6 +13,8 @@
 
 #include "common/checks.hpp"
 #include "common/parallel.hpp"
+#include "kernels/groups.hpp"
+#include "kernels/isa.hpp"
 #include "solvers/paths.hpp"
 
 namespace orsm::solve::qr {
@@ -34,5 +36,28 @@ constexpr Limit limit(char lay) { return serial_below(lay == 'S' ? 2801 : 1801);
 // Scratch is addressed by element, one element apart, whatever the operand
 // strides; a parallel member gets `height` elements of its own.
 constexpr int scratch_per_member(int height) { return height; }
+
+// The pivot test of a step: the squared norm of the column part below the
+// tolerance fails (equal passes, and so does a NaN).
+template <class T> constexpr T tolerance = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52);
+
+// Fast paths of QRDecomp: square arrays of orders 3 to 6 in contiguous S and
+// L, W objects at a time with lanes over objects, each lane the scalar
+// steps' operations. A group writes only when every step of every lane
+// passes, then leaves the scratch as its last object leaves it; otherwise it
+// writes nothing and returns false, and the frame runs the scalar path on
+// its objects.
+template <class T> struct FastKernels {
+    template <template <class> class Obj> using Fn = bool (*)(const groups::SrcDst<T, Obj>&, T* buf, int first);
+    int lanes;
+    Fn<groups::Strided> s[4];  // [order - 3]
+    Fn<groups::Listed> l[4];
+    Fn<groups::Strided> of(const groups::SrcDst<T, groups::Strided>&, int N) const { return s[N - 3]; }
+    Fn<groups::Listed> of(const groups::SrcDst<T, groups::Listed>&, int N) const { return l[N - 3]; }
+};
+using FastTable = isa::ByType<FastKernels>;
+extern const FastTable fast_table_sse2, fast_table_avx2, fast_table_avx512;
+inline const FastTable* const kFastTables[isa::kTargets] = {&fast_table_sse2, &fast_table_avx2, &fast_table_avx512};
+template <class T> const FastKernels<T>& fast_kernels() { return isa::select(kFastTables).template of<T>(); }
 
 }  // namespace orsm::solve::qr

@@ -17,7 +17,7 @@
 namespace orsm::solve {
 namespace {
 
-template <class T> constexpr T tolerance = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52);
+using qr::tolerance;
 
 // The contiguous kernels copy a row of at least this many elements as one
 // block when source and destination rows are apart; the bits are the same
@@ -76,15 +76,31 @@ template <class D, class T> OrsStatus reflect(const D& d, int n, T* buf, int w, 
     return StatusOk;
 }
 
+// Runs one(n) over objects [0, count) in order; square contiguous S and L
+// arrays of orders 3 to 6 hand groups of objects to the fast paths
+// (qr.hpp) where they can.
+template <Kind K, class Src, class Dst, class T, class One>
+OrsStatus decomp_objects(const Src& s, const Dst& d, T* buf, int w, int h, int count, One&& one) {
+    if constexpr (K == Kind::S || K == Kind::L) {
+        if (w == h && w >= 3 && w <= 6) {
+            const qr::FastKernels<T>& k = qr::fast_kernels<T>();
+            const groups::SrcDstOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
+            const auto fn = k.of(g, w);
+            auto group = [&](int n) { return groups::apart_or_in_place(g.src, g.dst, n, k.lanes, w, w) && fn(g, buf, n); };
+            return groups::in_groups(count, k.lanes, group, one);
+        }
+    }
+    return groups::in_groups(count, 1, [](int) { return false; }, one);
+}
+
 // Objects in order; the first failing one ends the call, the later ones
 // stay untouched.
 template <Kind K, class Src, class Dst, class T>
 OrsStatus decomp_kernel(const Src& s, const Dst& d, T* buf, int w, int h, int count) {
-    for (int n = 0; n < count; ++n) {
+    return decomp_objects<K>(s, d, buf, w, h, count, [&](int n) {
         copy_rows<K>(s, d, n, w, h);
-        if (const OrsStatus st = reflect(d, n, buf, w, h); st != StatusOk) return st;
-    }
-    return StatusOk;
+        return reflect(d, n, buf, w, h);
+    });
 }
 
 // W = w h (2 count) for the arrays; a single matrix never leaves the

@@ -1,0 +1,77 @@
+// QRDecomp's square orders 3 to 6 with lanes over objects, for one
+// instruction-set target (compiled once per target; see qr.hpp).
+//
+// Lane l belongs to object first + l and runs the scalar steps of
+// qr_decomp.cpp operation for operation: the same sums in the same order,
+// the same correctly rounded square root and true divisions, the same sign
+// rule, so every element gets the scalar path's bits.
+#include "kernels/lanes.hpp"
+#include "solvers/qr.hpp"
+
+namespace orsm::solve::qr {
+namespace ORSM_TARGET {
+namespace {
+
+using namespace ::orsm::lanes::ORSM_TARGET;
+using groups::Listed;
+using groups::SrcDst;
+using groups::Strided;
+
+template <class T, int N, int W, template <class> class Obj> bool decomp(const SrcDst<T, Obj>& g, T* buf, int first) {
+    using Vt = V<T, W>;
+    using Vi = VI<T, W>;
+    Vt a[N][N];
+    load<W>(a, g.src, first);
+    Vi bad = splat<Vi>(IntOf<T>(0));
+    for (int j = 0; j < N - 1; ++j) {
+        Vt norm2 = splat<Vt>(T(0));
+        for (int i = j; i < N; ++i) norm2 = norm2 + a[i][j] * a[i][j];
+        bad |= tolerance<T> > vabs<T, W>(norm2);
+        Vt sigma = vsqrt<T, W>(norm2);
+        Vt p = a[j][j];
+        sigma = p > T(0) ? sigma : T(0) - sigma;  // a pivot of 0 or NaN takes the negative sign
+        p = p + sigma;
+        const Vt r = T(1) / p;
+        Vt v[N], s = splat<Vt>(T(1));
+        for (int i = j + 1; i < N; ++i) {
+            v[i] = a[i][j] * r;
+            s = s + v[i] * v[i];
+        }
+        const Vt beta = T(-2) / s;
+        for (int c = j; c < N; ++c) {
+            Vt t = a[j][c];
+            for (int i = j + 1; i < N; ++i) t = t + a[i][c] * v[i];
+            t = t * beta;
+            a[j][c] = a[j][c] + t;  // v's element at row j is 1
+            for (int i = j + 1; i < N; ++i) a[i][c] = a[i][c] + v[i] * t;
+        }
+        for (int i = j + 1; i < N; ++i) a[i][j] = v[i];
+    }
+    if (any<T, W>(bad)) return false;
+    for (int l = 0; l < W; ++l) {
+        T* obj = g.dst.obj(first + l);
+        for (int i = 0; i < N; ++i) {
+            T* row = byte_off(obj, i * g.dst.s1);
+            for (int c = 0; c < N; ++c) row[c] = a[i][c][l];
+        }
+    }
+    // The scratch as the last object's steps leave it: a 1 at each step's
+    // row, the last step's vector below.
+    for (int i = 0; i < N - 1; ++i) buf[i] = T(1);
+    buf[N - 1] = a[N - 1][N - 2][W - 1];
+    return true;
+}
+
+template <class T> constexpr FastKernels<T> make() {
+    constexpr int W = vx::kLanes<T>;
+    return {W,
+            {&decomp<T, 3, W, Strided>, &decomp<T, 4, W, Strided>, &decomp<T, 5, W, Strided>, &decomp<T, 6, W, Strided>},
+            {&decomp<T, 3, W, Listed>, &decomp<T, 4, W, Listed>, &decomp<T, 5, W, Listed>, &decomp<T, 6, W, Listed>}};
+}
+
+}  // namespace
+}  // namespace ORSM_TARGET
+
+extern const FastTable ORSM_TARGET_SYMBOL(fast_table_) = {ORSM_TARGET::make<float>(), ORSM_TARGET::make<double>()};
+
+}  // namespace orsm::solve::qr
