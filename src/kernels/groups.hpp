@@ -38,6 +38,16 @@ template <class T, template <class> class Obj> struct SrcDst {
 template <class T, bool List>
 using SrcDstOf = std::conditional_t<List, SrcDst<T, Listed>, SrcDst<T, Strided>>;
 
+// The operands of a solver over systems with a factor each: factors a,
+// right-hand sides b and solutions d (vectors: s1 unused).
+template <class T, template <class> class Obj> struct Systems {
+    Obj<const T> a;
+    Obj<const T> b;
+    Obj<T> d;
+};
+template <class T, bool List>
+using SystemsOf = std::conditional_t<List, Systems<T, Listed>, Systems<T, Strided>>;
+
 // The objects of a contiguous S or L accessor.
 template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
 template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
@@ -102,6 +112,13 @@ template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, i
 template <class S, class D> bool apart_or_in_place(const S& src, const D& dst, int first, int k, int rows, int cols) {
     const Bytes s = hull(src, first, k, rows, cols), d = hull(dst, first, k, rows, cols);
     return !s.meets(d) || in_place(src, dst, first, k, rows, cols);
+}
+
+// Whether systems [first, first + k) of order n may be solved side by
+// side: their solutions apart from the factors, and apart from the vectors
+// or on them system by system.
+template <class T, template <class> class Obj> bool apart(const Systems<T, Obj>& g, int n, int first, int k) {
+    return !hull(g.d, first, k, 1, n).meets(hull(g.a, first, k, n, n)) && apart_or_in_place(g.b, g.d, first, k, 1, n);
 }
 
 // Runs objects [0, count) in order: W at a time where group(n) takes them

@@ -63,14 +63,9 @@ using groups::Strided;
 template <class T, template <class> class Obj> using Group = groups::SrcDst<T, Obj>;
 
 // Systems of CholeskyBackSubst's mava forms, each with a factor of its own.
-template <class T, template <class> class Obj> struct SolveGroup {
-    Obj<const T> a;  // factors
-    Obj<const T> b;  // vectors (s1 unused)
-    Obj<T> d;        // solutions (s1 unused)
-};
+template <class T, template <class> class Obj> using SolveGroup = groups::Systems<T, Obj>;
 template <class T, bool List> using GroupOf = groups::SrcDstOf<T, List>;
-template <class T, bool List>
-using SolveGroupOf = std::conditional_t<List, SolveGroup<T, Listed>, SolveGroup<T, Strided>>;
+template <class T, bool List> using SolveGroupOf = groups::SystemsOf<T, List>;
 
 template <class T> struct FastKernels {
     // A factorisation returns false, having written nothing, when a pivot
@@ -87,14 +82,6 @@ template <class T> struct FastKernels {
     SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
     SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
 };
-
-// Whether systems [first, first + W) may be solved side by side: their
-// solutions apart from the factors, and apart from the vectors or on them
-// system by system.
-template <class T, template <class> class Obj> bool safe(const SolveGroup<T, Obj>& g, int N, int first, int W) {
-    return !hull(g.d, first, W, 1, N).meets(hull(g.a, first, W, N, N)) &&
-           groups::apart_or_in_place(g.b, g.d, first, W, 1, N);
-}
 using FastTable = isa::ByType<FastKernels>;
 extern const FastTable fast_table_sse2, fast_table_avx2, fast_table_avx512;
 inline const FastTable* const kFastTables[isa::kTargets] = {&fast_table_sse2, &fast_table_avx2, &fast_table_avx512};

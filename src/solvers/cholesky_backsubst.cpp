@@ -110,7 +110,7 @@ template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, 
         const chol::SolveGroupOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
         const int W = k.solve_lanes;
         if (const auto fn = k.of(g, N))
-            for (; n + W <= count && safe(g, N, n, W); n += W) fn(g, n);
+            for (; n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
     }
     return n;
 }

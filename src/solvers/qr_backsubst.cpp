@@ -18,50 +18,32 @@
 namespace orsm::solve {
 namespace {
 
-// One system: y (b, where the path keeps it) reflected by each step of the
-// factor, then R x = y solved from the bottom row up. fa(i, j) reads the
-// factor, beta(j) is step j's beta, x(i) the place of x[i].
-template <class T, class FA, class Beta, class Y, class X>
-ORSM_INLINE void solve_one(const FA& fa, const Beta& beta, Y& y, const X& x, int w, int h) {
-    for (int j = 0; j < qr::steps(w, h); ++j) {
-        T t = y[j];
-        for (int i = j + 1; i < h; ++i) t = t + y[i] * fa(i, j);
-        t = t * beta(j);
-        y[j] = y[j] + t;
-        for (int i = j + 1; i < h; ++i) y[i] = y[i] + fa(i, j) * t;
-    }
-    x(w - 1) = y[w - 1] / fa(w - 1, w - 1);
-    for (int i = w - 2; i >= 0; --i) {
-        T s = 0;
-        for (int k = i + 1; k < w; ++k) s = s + fa(i, k) * x(k);
-        x(i) = (y[i] - s) / fa(i, i);
-    }
-}
-
-// beta of step j, from the squares of v's stored part summed down the column.
-template <class T, class FA> ORSM_INLINE T beta_of(const FA& fa, int j, int h) {
-    T s = 1;
-    for (int i = j + 1; i < h; ++i) s = s + fa(i, j) * fa(i, j);
-    return qr::beta(s);
-}
-
-// A square factor of order N in locals, with the beta of each reflection.
-template <int N, class T> struct Factor {
-    T a[N][N], beta[N - 1];
-    template <class A> ORSM_INLINE void load(const A& acc, int na) {
-        for (int r = 0; r < N; ++r)
-            for (int c = 0; c < N; ++c) a[r][c] = acc(na, r, c);
-        for (int j = 0; j < N - 1; ++j) beta[j] = beta_of<T>(*this, j, N);
-    }
-    ORSM_INLINE T operator()(int i, int j) const { return a[i][j]; }
-};
+using qr::beta_of;
+using qr::Factor;
+using qr::solve_one;
 
 enum class Form { mv, mva, mava };
+
+// The systems of a contiguous S or L mava call that the fast paths (qr.hpp)
+// solve from the first on, W at a time while whole groups remain and their
+// operands allow; the scalar path goes on from there.
+template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, const B& b, const D& d, int count) {
+    using T = Plain<typename D::value_type>;
+    int n = 0;
+    if constexpr (K == Kind::S || K == Kind::L) {
+        using groups::objects;
+        const qr::FastKernels<T>& k = qr::fast_kernels<T>();
+        const groups::SystemsOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
+        const int W = k.solve_lanes;
+        for (const auto fn = k.of(g, N); n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
+    }
+    return n;
+}
 
 // Systems 0 .. count-1 on the order-N path (0: the general loop). mava
 // steps the factor with the system, mv and mva keep the one factor; a
 // square path reads it and its betas once for all systems.
-template <Form F, int N, class A, class B, class D, class T>
+template <Form F, Kind K, int N, class A, class B, class D, class T>
 void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, int count) {
     constexpr bool many = F == Form::mava;
     if constexpr (N == 0) {
@@ -79,8 +61,10 @@ void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, 
             solve_one<T>(f, [&](int j) { return f.beta[j]; }, y, [&](int i) -> T& { return x[i]; }, N, N);
             for (int i = 0; i < N; ++i) d.v(n, i) = x[i];
         };
-        if (!many) f.load(a, 0);
-        for (int n = 0; n < count; ++n) {
+        int n = 0;
+        if constexpr (many) n = fast_solves<K, N>(a, b, d, count);
+        else f.load(a, 0);
+        for (; n < count; ++n) {
             if (many) f.load(a, n);
             one(n);
         }
@@ -89,9 +73,9 @@ void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, 
 
 // Widths 3 to 6 have paths for square systems only; a tall system of any
 // width takes the general loop.
-template <Form F, class A, class B, class D, class T>
+template <Form F, Kind K, class A, class B, class D, class T>
 void backsubst_paths(const A& a, const B& b, const D& d, T* buf, int w, int h, int count) {
-    auto run = [&](auto order) { backsubst_kernel<F, decltype(order)::value>(a, b, d, buf, w, h, count); };
+    auto run = [&](auto order) { backsubst_kernel<F, K, decltype(order)::value>(a, b, d, buf, w, h, count); };
     if (w == h) by_order(w, run);
     else run(Order<0>{});
 }
@@ -108,8 +92,8 @@ OrsStatus backsubst_frame(OrsStatus st, const A& a, T* buffer, const B& b, const
     return dispatch_ws(backsubst_work(F, w, h, count), lim, count, qr::scratch_per_member(h), buffer,
                        [&](int f, int k, T* buf) {
                            return with_kind<Lay, T>(
-                               [&](auto, const auto& af, const auto& bf, const auto& df) {
-                                   backsubst_paths<F>(af, bf, df, buf, w, h, k);
+                               [&](auto kind, const auto& af, const auto& bf, const auto& df) {
+                                   backsubst_paths<F, decltype(kind)::value>(af, bf, df, buf, w, h, k);
                                    return StatusOk;
                                },
                                a.object(f), b.object(f), d.object(f));

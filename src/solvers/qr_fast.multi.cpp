@@ -62,11 +62,33 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const S
     return true;
 }
 
+// A square system of order N a lane: the factor and its betas, then the
+// scalar path's solve_one on vectors.
+template <class T, int N, int W, template <class> class Obj> void solve(const groups::Systems<T, Obj>& g, int first) {
+    using Vt = V<T, W>;
+    Factor<N, Vt> f;
+    load<W>(f.a, g.a, first);
+    for (int j = 0; j < N - 1; ++j) f.beta[j] = beta_of<Vt>(f, j, N);
+    Vt y[N], x[N];
+    for (int i = 0; i < N; ++i) y[i] = load<W>(g.b, first, 0, i);
+    solve_one<Vt>(f, [&](int j) { return f.beta[j]; }, y, [&](int i) -> Vt& { return x[i]; }, N, N);
+    for (int l = 0; l < W; ++l) {
+        T* d = g.d.obj(first + l);
+        for (int i = 0; i < N; ++i) d[i] = x[i][l];
+    }
+}
+
+// The solve loads one element per lane, which outweighs its arithmetic
+// beyond eight lanes.
+template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
 template <class T> constexpr FastKernels<T> make() {
-    constexpr int W = vx::kLanes<T>;
+    constexpr int W = vx::kLanes<T>, S = kSolveLanes<T>;
     return {W,
+            S,
             {&decomp<T, 3, W, Strided>, &decomp<T, 4, W, Strided>, &decomp<T, 5, W, Strided>, &decomp<T, 6, W, Strided>},
-            {&decomp<T, 3, W, Listed>, &decomp<T, 4, W, Listed>, &decomp<T, 5, W, Listed>, &decomp<T, 6, W, Listed>}};
+            {&decomp<T, 3, W, Listed>, &decomp<T, 4, W, Listed>, &decomp<T, 5, W, Listed>, &decomp<T, 6, W, Listed>},
+            {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
+            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>}};
 }
 
 }  // namespace
