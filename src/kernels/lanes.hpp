@@ -98,6 +98,16 @@ template <int W, class O> ORSM_INLINE auto load(const O& o, int first, ptrdiff_t
     for (int l = 0; l < W; ++l) v[l] = *byte_off(o.obj(first + l), r * o.s1 + c * ptrdiff_t(sizeof(T)));
     return v;
 }
+// The same, but for an operand whose objects all stand at one place (the
+// one factor of an mva call, an S operand with s0 of 0): one load, in
+// every lane.
+template <int W, class O> ORSM_INLINE auto load_shared(const O& o, int first, ptrdiff_t r, int c) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
+    if constexpr (requires { o.s0; }) {
+        if (o.s0 == 0) return splat<V<T, W>>(T(*byte_off(o.obj(first), r * o.s1 + c * ptrdiff_t(sizeof(T)))));
+    }
+    return load<W>(o, first, r, c);
+}
 // An R x C block of each object into x[r][c].
 template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
     for (int r = 0; r < R; ++r)

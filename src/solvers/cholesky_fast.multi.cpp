@@ -48,14 +48,14 @@ bool decomp(const Group<T, Obj>& g, int first) {
     return true;
 }
 
-// ---- CholeskyBackSubst, mava ----------------------------------------------------------
+// ---- CholeskyBackSubst, mava and mva (one factor for all) ----------------------------
 
 // Forward with the rows of L, then back with its columns, y in registers.
 template <class T, int N, int W, template <class> class Obj> void solve(const SolveGroup<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     Vt l[N][N], y[N];
     for (int i = 0; i < N; ++i) {
-        for (int k = 0; k <= i; ++k) l[i][k] = load<W>(g.a, first, i, k);
+        for (int k = 0; k <= i; ++k) l[i][k] = load_shared<W>(g.a, first, i, k);
         y[i] = load<W>(g.b, first, 0, i);
     }
     for (int i = 0; i < N; ++i) {

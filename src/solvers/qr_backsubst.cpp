@@ -24,18 +24,24 @@ using qr::solve_one;
 
 enum class Form { mv, mva, mava };
 
-// The systems of a contiguous S or L mava call that the fast paths (qr.hpp)
-// solve from the first on, W at a time while whole groups remain and their
-// operands allow; the scalar path goes on from there.
+// The systems of a contiguous S or L mava call, or S mva call from order 4
+// up (at order 3 the scalar path, its one factor held in registers, is
+// faster: 5.5 against 10.3 ns a vector in 64f), that the fast paths
+// (qr.hpp) solve from the first on, W at a time while whole groups remain
+// and their operands allow; the scalar path goes on from there.
 template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, const B& b, const D& d, int count) {
     using T = Plain<typename D::value_type>;
     int n = 0;
+    // (The one factor of mva is an S operand whatever the layout: with
+    // vectors in L it has no fast path.)
     if constexpr (K == Kind::S || K == Kind::L) {
-        using groups::objects;
-        const qr::FastKernels<T>& k = qr::fast_kernels<T>();
-        const groups::SystemsOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
-        const int W = k.solve_lanes;
-        for (const auto fn = k.of(g, N); n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
+        if constexpr (K == Kind::S || std::is_same_v<decltype(groups::objects(a)), groups::Listed<const T>>) {
+            using groups::objects;
+            const qr::FastKernels<T>& k = qr::fast_kernels<T>();
+            const groups::SystemsOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
+            const int W = k.solve_lanes;
+            for (const auto fn = k.of(g, N); n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
+        }
     }
     return n;
 }
@@ -62,8 +68,8 @@ void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, 
             for (int i = 0; i < N; ++i) d.v(n, i) = x[i];
         };
         int n = 0;
-        if constexpr (many) n = fast_solves<K, N>(a, b, d, count);
-        else f.load(a, 0);
+        if constexpr (!many) f.load(a, 0);
+        if constexpr (F == Form::mava || (F == Form::mva && N > 3)) n = fast_solves<K, N>(a, b, d, count);
         for (; n < count; ++n) {
             if (many) f.load(a, n);
             one(n);

@@ -67,7 +67,8 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const S
 template <class T, int N, int W, template <class> class Obj> void solve(const groups::Systems<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     Factor<N, Vt> f;
-    load<W>(f.a, g.a, first);
+    for (int r = 0; r < N; ++r)
+        for (int c = 0; c < N; ++c) f.a[r][c] = load_shared<W>(g.a, first, r, c);
     for (int j = 0; j < N - 1; ++j) f.beta[j] = beta_of<Vt>(f, j, N);
     Vt y[N], x[N];
     for (int i = 0; i < N; ++i) y[i] = load<W>(g.b, first, 0, i);
