@@ -4,7 +4,7 @@
 // method in every kernel: one determinant by elimination per element, in the
 // caller's buffer. Orders 3 to 6 take the size path of the call's kind of
 // kernel, and the kinds differ on purpose in method, singularity test and
-// reciprocal, as the table of rules below holds them:
+// reciprocal, as the table of rules in invert.hpp holds them:
 //
 //  kernel                      order 3                   orders 4 to 6
 //  scalar (S2, P, LS2)         adjugate, |x| >= tol,     adjugate, |x| >= tol,
