@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "orsm.h"
 
@@ -46,6 +47,14 @@ template <class T> ORSM_INLINE void move_bits(Plain<T>* d, const T* s) {
     typename Elem<Plain<T>>::Bits b;
     std::memcpy(&b, s, sizeof b);
     std::memcpy(d, &b, sizeof b);
+}
+
+// f(integral_constant<int, i>) for i from 0 to N - 1, unrolled.
+template <class F, std::size_t... I> constexpr ORSM_INLINE void static_for_(F&& f, std::index_sequence<I...>) {
+    (f(std::integral_constant<int, int(I)>{}), ...);
+}
+template <int N, class F> constexpr ORSM_INLINE void static_for(F&& f) {
+    static_for_(f, std::make_index_sequence<N>{});
 }
 
 // Work estimates are computed in wrapping signed 32-bit arithmetic: a product

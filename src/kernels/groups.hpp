@@ -106,12 +106,19 @@ template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, i
     return true;
 }
 
+// Whether the rows of o's rows x cols blocks stand at least cols elements
+// apart, so that no two of an object's rows meet.
+template <class O> bool rows_apart(const O& o, int rows, int cols) {
+    return rows == 1 || o.s1 >= cols * ptrdiff_t(sizeof(*o.obj(0)));
+}
+
 // Whether objects [first, first + k) may run side by side when each reads
 // a rows x cols block of src and writes one of dst: dst apart from src, or
-// rewriting it in place object by object.
+// rewriting it in place object by object; and dst's rows apart, since a
+// group writes an object's rows in an order of its own.
 template <class S, class D> bool apart_or_in_place(const S& src, const D& dst, int first, int k, int rows, int cols) {
     const Bytes s = hull(src, first, k, rows, cols), d = hull(dst, first, k, rows, cols);
-    return !s.meets(d) || in_place(src, dst, first, k, rows, cols);
+    return rows_apart(dst, rows, cols) && (!s.meets(d) || in_place(src, dst, first, k, rows, cols));
 }
 
 // Whether systems [first, first + k) of order n may be solved side by
@@ -119,6 +126,20 @@ template <class S, class D> bool apart_or_in_place(const S& src, const D& dst, i
 // or on them system by system.
 template <class T, template <class> class Obj> bool apart(const Systems<T, Obj>& g, int n, int first, int k) {
     return !hull(g.d, first, k, 1, n).meets(hull(g.a, first, k, n, n)) && apart_or_in_place(g.b, g.d, first, k, 1, n);
+}
+
+// The same for a block known when compiling, as lanes::load_rows needs.
+template <int R, int C, class O> bool rows_apart(const O& o) { return rows_apart(o, R, C); }
+
+// Whether objects [first, first + k) of R x C blocks share no byte, so
+// that writing them in any order leaves what writing them one after
+// another does. For a list: ascending places, each past the one before.
+template <class T> bool objects_apart(const Strided<T>& o, int, int, int R, int C) { return o.s0 >= extent(o, R, C); }
+template <class T> bool objects_apart(const Listed<T>& o, int first, int k, int R, int C) {
+    const ptrdiff_t e = extent(o, R, C);
+    for (int n = first + 1; n < first + k; ++n)
+        if (reinterpret_cast<const char*>(o.obj(n)) - reinterpret_cast<const char*>(o.obj(n - 1)) < e) return false;
+    return true;
 }
 
 // Runs objects [0, count) in order: W at a time where group(n) takes them

@@ -91,7 +91,7 @@ template <int W> ORSM_INLINE V<float, W> rcp_estimate(V<float, W> d) {
 
 // Element (r, c) of objects first .. first + W - 1 of o (groups::Strided or
 // Listed), a lane at a time: on the processors measured that beats the
-// gather instructions, and a transpose of whole objects did no better.
+// gather instructions. Whole blocks go faster by pieces (load_rows below).
 template <int W, class O> ORSM_INLINE auto load(const O& o, int first, ptrdiff_t r, int c) {
     using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
     V<T, W> v;
@@ -108,8 +108,165 @@ template <int W, class O> ORSM_INLINE auto load_shared(const O& o, int first, pt
     }
     return load<W>(o, first, r, c);
 }
-// An R x C block of each object into x[r][c].
+
+// ---- the same block by 16-byte pieces and turns in registers ----------------------
+//
+// A row of an object is read in pieces of P = 16 / sizeof(T) elements. The
+// pieces of P objects q = 0..P-1 that stand at one place of a row make a
+// P x P block, turned about within each 16-byte lane of the vector; a
+// vector of W lanes holds G = W / P such lanes, lane g taking objects
+// q + P g. After the turn lane P g + q holds object P g + q: the lanes are
+// the objects in order, as `load` gives them. Per element that is a load
+// and a fraction of an in-lane shuffle, where `load` pays an insert per lane.
+//
+// A short piece is read whole all the same: past the row's end in every row
+// but the last, which lies inside the object as long as rows stand at least
+// C elements apart; in the last row it ends at the row's end and starts
+// before the piece (inside the row, or the row before it). The lanes
+// outside the block are never used. Rows less than C elements apart: `load`.
+namespace piece {
+
+template <class T> constexpr int kP = 16 / int(sizeof(T));
+
+// The pieces of `n` vectors side by side in one of n times the lanes.
+template <class T, int P> ORSM_INLINE V<T, 2 * P> join(V<T, P> a, V<T, P> b) {
+    if constexpr (P == 2) return __builtin_shufflevector(a, b, 0, 1, 2, 3);
+    else if constexpr (P == 4) return __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7);
+    else return __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+}
+template <class T, int W, int n, class Piece> ORSM_INLINE V<T, W> gather(Piece&& piece, int g0 = 0) {
+    if constexpr (n == 1) return piece(g0);
+    else return join<T, W / 2>(gather<T, W / 2, n / 2>(piece, g0), gather<T, W / 2, n / 2>(piece, g0 + n / 2));
+}
+
+// In-lane interleaves of two vectors: the low (or high) halves of each
+// 16-byte lane's elements, in units of E elements, a's and b's alternating.
+template <int W, int P, int E, bool high> constexpr int mix(int l, int which) {
+    const int lane = l / P * P, i = l % P;
+    const int src = lane + (high ? P / 2 : 0) + (i / (2 * E)) * E + i % E;
+    return which ? W + src : src;
+}
+template <int W, int P, int E, bool high, class Vt, std::size_t... L>
+ORSM_INLINE Vt interleave(Vt a, Vt b, std::index_sequence<L...>) {
+    return __builtin_shufflevector(a, b, mix<W, P, E, high>(int(L), int(L) / E % 2)...);
+}
+template <int E, bool high, class Vt> ORSM_INLINE Vt interleave(Vt a, Vt b) {
+    constexpr int W = sizeof(Vt) / sizeof(a[0]), P = 16 / sizeof(a[0]);
+    return interleave<W, P, E, high>(a, b, std::make_index_sequence<W>());
+}
+
+// y[q] holds piece j of object q in place j of every lane; afterwards y[j]
+// holds place j of object q in place q.
+template <class Vt> ORSM_INLINE void turn(Vt* y) {
+    constexpr int P = 16 / sizeof(y[0][0]);
+    if constexpr (P == 2) {
+        const Vt a = interleave<1, false>(y[0], y[1]), b = interleave<1, true>(y[0], y[1]);
+        y[0] = a, y[1] = b;
+    } else {
+        const Vt t0 = interleave<1, false>(y[0], y[1]), t1 = interleave<1, false>(y[2], y[3]);
+        const Vt t2 = interleave<1, true>(y[0], y[1]), t3 = interleave<1, true>(y[2], y[3]);
+        y[0] = interleave<2, false>(t0, t1), y[1] = interleave<2, true>(t0, t1);
+        y[2] = interleave<2, false>(t2, t3), y[3] = interleave<2, true>(t2, t3);
+    }
+}
+
+// The 16-byte lane g of v.
+template <int g, class T, int W, std::size_t... I> ORSM_INLINE V<T, kP<T>> part(V<T, W> v, std::index_sequence<I...>) {
+    return __builtin_shufflevector(v, v, (g * kP<T> + int(I))...);
+}
+template <int g, class T, int W> ORSM_INLINE V<T, kP<T>> part(V<T, W> v) {
+    if constexpr (W == kP<T>) return v;
+    else return part<g, T, W>(v, std::make_index_sequence<kP<T>>());
+}
+// Places [0, k) of v into p[0 .. k-1], nothing beyond.
+template <class T, int k> ORSM_INLINE void write(T* p, V<T, kP<T>> v) {
+    if constexpr (k == kP<T>) {
+        vx::store(p, v);
+    } else if constexpr (k >= 2 && sizeof(T) == 4) {
+        const V<T, 2> lo = __builtin_shufflevector(v, v, 0, 1);
+        vx::store(p, lo);
+        if constexpr (k == 3) p[2] = v[2];
+    } else {
+        p[0] = v[0];
+    }
+}
+
+}  // namespace piece
+
+// An R x C block of objects first .. first + W - 1 of o into x[r][c], lane
+// l holding object first + l: the values of `load`, read by pieces, for
+// objects whose rows stand apart (groups::rows_apart).
+template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load_rows(Vt (&x)[R][C], const O& o, int first) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
+    constexpr int P = piece::kP<T>;
+    static_assert(W % P == 0 && (C >= P || (R >= 2 && 2 * C >= P)), "pieces stay inside the object");
+    const T* obj[W];
+    static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
+    static_for<R>([&](auto r) {
+        static_for<(C + P - 1) / P>([&](auto p) {
+            constexpr int c0 = p * P, k = C - c0 < P ? C - c0 : P;
+            // Elements c0 .. c0 + k - 1 stand at places back .. back + k - 1.
+            constexpr int back = r == R - 1 ? P - k : 0;
+            Vt y[P];
+            static_for<P>([&](auto q) {
+                y[q] = piece::gather<T, W, W / P>([&](int g) {
+                    return vx::load<V<T, P>>(byte_off(obj[q + P * g], r * o.s1) + (c0 - back));
+                });
+            });
+            piece::turn(y);
+            static_for<k>([&](auto j) { x[r][c0 + j] = y[j + back]; });
+        });
+    });
+}
+
+// x[r][c] into the R x C block of objects first .. first + W - 1 of o, lane
+// l into object first + l, by pieces: the turn undoes itself, and every
+// piece is stored element for element of the block, nothing past it.
+template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store_rows(const O& o, int first, const Vt (&x)[R][C]) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
+    constexpr int P = piece::kP<T>;
+    static_assert(W % P == 0);
+    T* obj[W];
+    static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
+    static_for<R>([&](auto r) {
+        static_for<(C + P - 1) / P>([&](auto p) {
+            constexpr int c0 = p * P, k = C - c0 < P ? C - c0 : P;
+            Vt y[P];
+            static_for<P>([&](auto j) { y[j] = j < k ? x[r][c0 + (j < k ? j : 0)] : Vt{}; });
+            piece::turn(y);
+            static_for<P>([&](auto q) {
+                static_for<W / P>([&](auto g) {
+                    piece::write<T, k>(byte_off(obj[q + P * g], r * o.s1) + c0, piece::part<g, T, W>(y[q]));
+                });
+            });
+        });
+    });
+}
+// The same, object by object and element by element where rows stand
+// closer than C elements or objects meet (a later store overwrites what an
+// earlier one wrote, as in the scalar path's order).
+template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store(const O& o, int first, const Vt (&x)[R][C]) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
+    if constexpr (W % piece::kP<T> == 0) {
+        if (groups::rows_apart<R, C>(o) && groups::objects_apart(o, first, W, R, C)) return store_rows<W>(o, first, x);
+    }
+    for (int l = 0; l < W; ++l) {
+        T* obj = o.obj(first + l);
+        for (int r = 0; r < R; ++r) {
+            T* row = byte_off(obj, r * o.s1);
+            for (int c = 0; c < C; ++c) row[c] = x[r][c][l];
+        }
+    }
+}
+
+// An R x C block of each object into x[r][c]: by pieces where the rows
+// stand apart, else element by element.
 template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
+    using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
+    constexpr int P = piece::kP<T>;
+    if constexpr (W % P == 0 && (C >= P || (R >= 2 && 2 * C >= P))) {
+        if (groups::rows_apart<R, C>(o)) return load_rows<W>(x, o, first);
+    }
     for (int r = 0; r < R; ++r)
         for (int c = 0; c < C; ++c) x[r][c] = load<W>(o, first, r, c);
 }

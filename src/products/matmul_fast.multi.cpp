@@ -37,14 +37,6 @@ namespace {
 
 #define ORSM_UNROLL _Pragma("GCC unroll 16")
 
-template <int N, class F, std::size_t... I>
-constexpr ORSM_INLINE void static_for_(F&& f, std::index_sequence<I...>) {
-    (f(std::integral_constant<int, int(I)>{}), ...);
-}
-template <int N, class F> constexpr ORSM_INLINE void static_for(F&& f) {
-    static_for_<N>(f, std::make_index_sequence<N>{});
-}
-
 template <bool transposed, class A> ORSM_INLINE auto op_of(const A& a) {
     if constexpr (transposed)
         return TAcc<A>{a};

@@ -19,9 +19,8 @@ template <class T, int N, int W, bool NanPasses, bool GroupStep, template <class
 bool decomp(const Group<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     using Vi = VI<T, W>;
-    Vt f[N][N];
-    for (int i = 0; i < N; ++i)
-        for (int j = 0; j <= i; ++j) f[i][j] = load<W>(g.src, first, i, j);
+    Vt f[N][N];  // the lower triangle used, the upper one read with it
+    load<W>(f, g.src, first);
     Vi bad = splat<Vi>(IntOf<T>(0));
     for (int i = 0; i < N; ++i) {
         for (int j = 0; j < i; ++j) {
@@ -53,11 +52,11 @@ bool decomp(const Group<T, Obj>& g, int first) {
 // Forward with the rows of L, then back with its columns, y in registers.
 template <class T, int N, int W, template <class> class Obj> void solve(const SolveGroup<T, Obj>& g, int first) {
     using Vt = V<T, W>;
-    Vt l[N][N], y[N];
-    for (int i = 0; i < N; ++i) {
+    Vt l[N][N], yb[1][N];
+    Vt(&y)[N] = yb[0];
+    for (int i = 0; i < N; ++i)
         for (int k = 0; k <= i; ++k) l[i][k] = load_shared<W>(g.a, first, i, k);
-        y[i] = load<W>(g.b, first, 0, i);
-    }
+    load<W>(yb, g.b, first);
     for (int i = 0; i < N; ++i) {
         Vt s = y[i];
         for (int k = 0; k < i; ++k) s = s - l[i][k] * y[k];
@@ -68,10 +67,7 @@ template <class T, int N, int W, template <class> class Obj> void solve(const So
         for (int k = N - 1; k > i; --k) s = s - l[k][i] * y[k];
         y[i] = s * l[i][i];
     }
-    for (int l2 = 0; l2 < W; ++l2) {
-        T* d = g.d.obj(first + l2);
-        for (int i = 0; i < N; ++i) d[i] = y[i][l2];
-    }
+    store<W>(g.d, first, yb);
 }
 
 // The contiguous S and L array kernels, order N: threshold zero in both.

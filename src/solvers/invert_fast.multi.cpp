@@ -51,13 +51,9 @@ bool invert(const SrcDst<T, Obj>& g, int first) {
     else det = adjugate4(a, adj, alt);
     if (any<T, W>(fails<T, W>(test, det))) return false;
     const Vt r = reciprocal<T, W>(rc, det);
-    for (int l = 0; l < W; ++l) {
-        T* obj = g.dst.obj(first + l);
-        for (int i = 0; i < N; ++i) {
-            T* row = byte_off(obj, i * g.dst.s1);
-            for (int c = 0; c < N; ++c) row[c] = adj[i][c][l] * r[l];
-        }
-    }
+    for (int i = 0; i < N; ++i)
+        for (int c = 0; c < N; ++c) adj[i][c] = adj[i][c] * r;
+    store<W>(g.dst, first, adj);
     return true;
 }
 

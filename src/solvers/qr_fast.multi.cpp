@@ -48,13 +48,7 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const S
         for (int i = j + 1; i < N; ++i) a[i][j] = v[i];
     }
     if (any<T, W>(bad)) return false;
-    for (int l = 0; l < W; ++l) {
-        T* obj = g.dst.obj(first + l);
-        for (int i = 0; i < N; ++i) {
-            T* row = byte_off(obj, i * g.dst.s1);
-            for (int c = 0; c < N; ++c) row[c] = a[i][c][l];
-        }
-    }
+    store<W>(g.dst, first, a);
     // The scratch as the last object's steps leave it: a 1 at each step's
     // row, the last step's vector below.
     for (int i = 0; i < N - 1; ++i) buf[i] = T(1);
@@ -70,13 +64,10 @@ template <class T, int N, int W, template <class> class Obj> void solve(const gr
     for (int r = 0; r < N; ++r)
         for (int c = 0; c < N; ++c) f.a[r][c] = load_shared<W>(g.a, first, r, c);
     for (int j = 0; j < N - 1; ++j) f.beta[j] = beta_of<Vt>(f, j, N);
-    Vt y[N], x[N];
-    for (int i = 0; i < N; ++i) y[i] = load<W>(g.b, first, 0, i);
-    solve_one<Vt>(f, [&](int j) { return f.beta[j]; }, y, [&](int i) -> Vt& { return x[i]; }, N, N);
-    for (int l = 0; l < W; ++l) {
-        T* d = g.d.obj(first + l);
-        for (int i = 0; i < N; ++i) d[i] = x[i][l];
-    }
+    Vt y[1][N], x[1][N];
+    load<W>(y, g.b, first);
+    solve_one<Vt>(f, [&](int j) { return f.beta[j]; }, y[0], [&](int i) -> Vt& { return x[0][i]; }, N, N);
+    store<W>(g.d, first, x);
 }
 
 // The solve loads one element per lane, which outweighs its arithmetic

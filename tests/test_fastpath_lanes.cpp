@@ -1,0 +1,223 @@
+// Lanes over objects: the array kernels of Det, Invert and the solvers read
+// and write groups of objects by 16-byte pieces where rows and objects
+// stand apart, and element by element where they do not. Whatever the
+// arrangement (rows packed, with gaps, closer than a row; objects packed,
+// with gaps, overlapping; listed in order or out of it; dst inside src),
+// an array call leaves memory exactly as the same objects done one at a
+// time through the same function (count 1, which never forms a group).
+#include <algorithm>
+#include <numeric>
+#include <random>
+
+#include "calls.hpp"
+#include "orscore.h"
+
+using namespace orsmtest;
+
+namespace {
+
+// An array operand in its own storage: object n at element n*s0 (layout S)
+// or at table[n] (layout L, the places of an S arrangement, shuffled or
+// not); rows s1 elements apart (vectors: elements one apart).
+template <class T> struct Arr {
+    int count, rows, cols, s0, s1;
+    bool list, shuffled;
+    std::vector<T> mem;
+    std::vector<T*> table;
+    Arr(int count_, int rows_, int cols_, int s0_, int s1_, bool list_ = false, bool shuffled_ = false)
+        : count(count_), rows(rows_), cols(cols_), s0(s0_), s1(s1_), list(list_), shuffled(shuffled_),
+          mem(std::size_t(count_) * s0_ + std::size_t(rows_) * s1_ + cols_ + 16, T(7)) {
+        std::vector<int> at(count);
+        std::iota(at.begin(), at.end(), 0);
+        if (shuffled) std::shuffle(at.begin(), at.end(), std::mt19937(5));
+        for (int n = 0; n < count; ++n) table.push_back(mem.data() + std::ptrdiff_t(at[n]) * s0);
+    }
+    // A copy lists its own storage.
+    Arr(const Arr& o)
+        : count(o.count), rows(o.rows), cols(o.cols), s0(o.s0), s1(o.s1), list(o.list), shuffled(o.shuffled),
+          mem(o.mem) {
+        for (T* p : o.table) table.push_back(mem.data() + (p - o.mem.data()));
+    }
+    T* obj(int n) { return list ? table[n] : mem.data() + std::ptrdiff_t(n) * s0; }
+    // The arguments of objects [n, count) under `role`.
+    void bind(Call<T>& c, const std::string& role, int n) {
+        const int e = sizeof(T);
+        c.ptr(role) = list ? static_cast<void*>(table.data() + n) : static_cast<void*>(obj(n));
+        auto put = [&](const std::string& p, int v) {
+            if (c.takes(role + p)) c.arg(role + p) = v;
+        };
+        put("Stride0", s0 * e), put("Stride1", s1 * e), put("Stride2", e), put("RoiShift", 0);
+    }
+    bool same(const Arr& o) const { return std::memcmp(mem.data(), o.mem.data(), mem.size() * sizeof(T)) == 0; }
+};
+
+// Matrices with a heavy diagonal, symmetric: every factorisation passes.
+template <class T> void fill_systems(Arr<T>& a, unsigned seed) {
+    std::mt19937 g(seed);
+    std::uniform_real_distribution<T> u(-1, 1);
+    for (int n = 0; n < a.count; ++n)
+        for (int r = 0; r < a.rows; ++r)
+            for (int c = 0; c <= r && c < a.cols; ++c) {
+                const T v = r == c ? T(a.cols + 2) + u(g) : u(g);
+                a.obj(n)[r * a.s1 + c] = v;
+                if (c < a.rows && r < a.cols) a.obj(n)[c * a.s1 + r] = v;
+            }
+}
+
+// The arrangements of an order-N matrix array: packed, rows with gaps and
+// objects apart, rows closer than a row, objects overlapping; and listed.
+struct Way {
+    const char* name;
+    int s0, s1;  // for N; s0 of -1: the next object one row on
+    bool list, shuffled;
+};
+std::vector<Way> ways(int N, bool overlap_objects) {
+    std::vector<Way> w = {{"packed", N * N, N, false, false},
+                          {"gapped", N * (N + 3) + 5, N + 3, false, false},
+                          {"close rows", N * N, N - 1, false, false},
+                          {"listed", N * N + 1, N, true, false},
+                          {"listed out of order", N * N, N, true, true}};
+    if (overlap_objects) w.push_back({"objects overlapping", N, N, false, false});
+    return w;
+}
+
+constexpr int kCount = 37;  // groups of every width, then single objects
+
+// Runs `stem` over the whole array, then one object at a time on copies,
+// and compares everything the operands hold. `bind(c, ops, n)` sets the
+// arguments of objects [n, count). One thread: the shares of a team write
+// at once where objects overlap.
+template <class T, class Ops, class Bind>
+void expect_as_one_by_one(const std::string& stem, Layout lay, Ops ops, Bind bind, const std::string& where) {
+    orscoreSetNumThreads(1);
+    Ops one = ops;
+    Call<T> c(stem, lay), c1(stem, lay);
+    bind(c, ops, 0);
+    c.arg("count") = kCount;
+    const OrsStatus st = c.run();
+    OrsStatus st1 = StatusOk;
+    for (int n = 0; n < kCount; ++n) {
+        bind(c1, one, n);
+        c1.arg("count") = 1;
+        if (const OrsStatus s = c1.run(); s != StatusOk) st1 = s;
+    }
+    EXPECT_EQ(st, StatusOk) << where;
+    EXPECT_EQ(st1, StatusOk) << where;
+    EXPECT_TRUE(ops.same(one)) << where;
+}
+
+template <class T> class Lanes : public testing::Test {};
+using Types = testing::Types<float, double>;
+TYPED_TEST_SUITE(Lanes, Types);
+
+// Det: dst a packed array, also inside src, where writing a result changes
+// a later object.
+template <class T> struct DetOps {
+    Arr<T> src;
+    std::vector<T> buf;
+    int dst_at;  // element of src.mem, or -1: dst apart
+    std::vector<T> dst = std::vector<T>(kCount + 8, T(7));
+    bool same(const DetOps& o) const { return src.same(o.src) && dst == o.dst; }
+};
+TYPED_TEST(Lanes, DetAsOneByOne) {
+    using T = TypeParam;
+    for (int N = 3; N <= 6; ++N)
+        for (const Way& w : ways(N, true))
+            for (int dst_at : {-1, 5 * N * N + 2}) {
+                if (dst_at >= 0 && (w.list || w.s1 < N)) continue;
+                DetOps<T> ops{Arr<T>(kCount, N, N, w.s0, w.s1, w.list, w.shuffled), std::vector<T>(N * N + N), dst_at};
+                std::mt19937 g(N);
+                std::uniform_real_distribution<T> u(-4, 4);
+                for (T& x : ops.src.mem) x = u(g);
+                auto bind = [&](Call<T>& c, DetOps<T>& o, int n) {
+                    o.src.bind(c, "src", n);
+                    c.ptr("dst") = (o.dst_at >= 0 ? o.src.mem.data() + o.dst_at : o.dst.data()) + n;
+                    c.ptr("buffer") = o.buf.data(), c.arg("size") = N;
+                };
+                expect_as_one_by_one<T>("Det_ma", w.list ? Layout::L : Layout::S, ops, bind,
+                                        std::string(w.name) + " order " + std::to_string(N) +
+                                            (dst_at >= 0 ? " dst in src" : ""));
+            }
+}
+
+// The matrix-to-matrix solvers: src apart, every arrangement of dst, and
+// dst on src (in place).
+template <class T> struct MatOps {
+    Arr<T> src, dst;
+    std::vector<T> buf;
+    std::vector<int> index;
+    bool in_place;
+    bool same(const MatOps& o) const { return src.same(o.src) && dst.same(o.dst) && index == o.index; }
+};
+TYPED_TEST(Lanes, FactorsAndInversesAsOneByOne) {
+    using T = TypeParam;
+    for (const char* stem : {"Invert_ma", "LUDecomp_ma", "CholeskyDecomp_ma", "QRDecomp_ma"})
+        for (int N = 3; N <= 6; ++N)
+            for (const Way& w : ways(N, true))
+                for (bool in_place : {false, true}) {
+                    if (in_place && (w.s0 < N * N || w.s1 < N)) continue;
+                    const Way sw = in_place ? w : Way{"", N * (N + 1) + 2, N + 1, w.list, false};
+                    MatOps<T> ops{Arr<T>(kCount, N, N, sw.s0, sw.s1, sw.list, w.shuffled),
+                                  Arr<T>(kCount, N, N, w.s0, w.s1, w.list, w.shuffled),
+                                  std::vector<T>(N * N + 2 * N), std::vector<int>(kCount * N, -1), in_place};
+                    fill_systems(ops.src, unsigned(N));
+                    auto bind = [&](Call<T>& c, MatOps<T>& o, int n) {
+                        o.src.bind(c, "src", n);
+                        (o.in_place ? o.src : o.dst).bind(c, "dst", n);
+                        if (c.takes("buffer")) c.ptr("buffer") = o.buf.data();
+                        if (c.takes("dstIndex")) c.ptr("dstIndex") = o.index.data() + n * N;
+                        if (c.takes("size")) c.arg("size") = N;
+                        else c.arg("width") = N, c.arg("height") = N;
+                    };
+                    expect_as_one_by_one<T>(stem, w.list ? Layout::L : Layout::S, ops, bind,
+                                            std::string(stem) + " " + w.name + " order " + std::to_string(N) +
+                                                (in_place ? " in place" : ""));
+                }
+}
+
+// The solves of many systems: factors from the array factorisations, the
+// solutions packed, with gaps, overlapping, or on the right-hand sides.
+template <class T> struct SolveOps {
+    Arr<T> a, b, d;
+    std::vector<T> buf;
+    std::vector<int> index;
+    bool in_place;
+    bool same(const SolveOps& o) const { return a.same(o.a) && b.same(o.b) && d.same(o.d); }
+};
+TYPED_TEST(Lanes, SolvesAsOneByOne) {
+    using T = TypeParam;
+    const std::pair<const char*, const char*> fams[] = {
+        {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
+        {"QRDecomp_ma", "QRBackSubst_mava"}};
+    for (auto [decomp, solve] : fams)
+        for (int N = 3; N <= 6; ++N)
+            for (bool list : {false, true})
+                for (int ds0 : {N, N + 2, N - 1, 0}) {  // 0: in place
+                    SolveOps<T> ops{Arr<T>(kCount, N, N, N * N, N, list), Arr<T>(kCount, 1, N, N + 1, 0, list),
+                                    Arr<T>(kCount, 1, N, ds0 ? ds0 : 1, 0, list), std::vector<T>(N * N + 2 * N),
+                                    std::vector<int>(kCount * N), ds0 == 0};
+                    fill_systems(ops.a, unsigned(N));
+                    for (T& x : ops.b.mem) x = T(std::rand() % 200 - 100) / T(8);
+                    Call<T> f(decomp, list ? Layout::L : Layout::S);
+                    ops.a.bind(f, "src", 0), ops.a.bind(f, "dst", 0);
+                    if (f.takes("buffer")) f.ptr("buffer") = ops.buf.data();
+                    if (f.takes("dstIndex")) f.ptr("dstIndex") = ops.index.data();
+                    if (f.takes("size")) f.arg("size") = N;
+                    else f.arg("width") = N, f.arg("height") = N;
+                    f.arg("count") = kCount;
+                    ASSERT_EQ(f.run(), StatusOk) << decomp;
+                    auto bind = [&](Call<T>& c, SolveOps<T>& o, int n) {
+                        o.a.bind(c, "src1", n), o.b.bind(c, "src2", n);
+                        (o.in_place ? o.b : o.d).bind(c, "dst", n);
+                        if (c.takes("buffer")) c.ptr("buffer") = o.buf.data();
+                        if (c.takes("srcIndex")) c.ptr("srcIndex") = o.index.data() + n * N;
+                        if (c.takes("size")) c.arg("size") = N;
+                        else c.arg("width") = N, c.arg("height") = N;
+                    };
+                    expect_as_one_by_one<T>(solve, list ? Layout::L : Layout::S, ops, bind,
+                                            std::string(solve) + " order " + std::to_string(N) + " dst s0 " +
+                                                std::to_string(ds0) + (list ? " listed" : ""));
+                }
+}
+
+}  // namespace
