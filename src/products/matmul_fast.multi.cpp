@@ -158,39 +158,66 @@ ORSM_INLINE void packed3_f32(const A a, const B b, const D d, int count) {
                    [&](int o) { _mm512_mask_storeu_ps(&d(o, 0, 0), m9, sum_k<3>(ak, bk)); });
 }
 
-// Orders 5 and 6, 64f: a row of dst in one zmm (n of its 8 lanes), the
-// rows of op(src2) in zmm registers, each op(src1)(i, k) broadcast by the
-// multiply itself from memory. One object at a time and row by row, like the
-// baseline: op(src2) is read whole first, each row of op(src1) just before
-// its row of dst is stored, so any overlap of dst with a source gives the
-// baseline's bits. op(src2) must not be transposed.
-// `whole`: the rows of an array src2 lie at most a vector apart (and at
+// Orders 5 and 6: a row of dst in one vector of 8 lanes (zmm for 64f, ymm
+// for 32f; n of its lanes), the rows of op(src2) in such vectors, each
+// op(src1)(i, k) broadcast by the multiply itself from memory. One object
+// at a time and row by row, like the baseline: op(src2) is read whole
+// first, each row of op(src1) just before its row of dst is stored, so any
+// overlap of dst with a source gives the baseline's bits. op(src2) must
+// not be transposed.
+// `whole`: the rows of an array src2 lie at most 8 elements apart (and at
 // least the vector's overhang), so every row but the last is loaded as 8
 // whole elements that end inside the next row, cheaper than a masked load;
 // the extra lanes are computed and never stored.
 // Plain loops, no lambdas: GCC leaves the body of a lambda this size out of
 // line in this unit, and the rows of op(src2) then go through the stack.
-template <int n, bool whole, class B> ORSM_INLINE void rows_of_f64(__m512d* bk, const B& b, int o) {
+template <class T> struct Rows8;
+template <> struct Rows8<double> {
+    using V = __m512d;
+    static ORSM_INLINE V load(const double* p) { return _mm512_loadu_pd(p); }
+    static ORSM_INLINE V load(__mmask8 m, const double* p) { return _mm512_maskz_loadu_pd(m, p); }
+    static ORSM_INLINE void store(__mmask8 m, double* p, V v) { _mm512_mask_storeu_pd(p, m, v); }
+    static ORSM_INLINE V mul(double a, V b) { return _mm512_mul_pd(_mm512_set1_pd(a), b); }
+    static ORSM_INLINE V add(V a, V b) { return _mm512_add_pd(a, b); }
+};
+template <> struct Rows8<float> {
+    using V = __m256;
+    static ORSM_INLINE V load(const float* p) { return _mm256_loadu_ps(p); }
+    static ORSM_INLINE V load(__mmask8 m, const float* p) { return _mm256_maskz_loadu_ps(m, p); }
+    static ORSM_INLINE void store(__mmask8 m, float* p, V v) {
+        // Four elements and the rest by plain stores: masked stores
+        // measured slower here.
+        _mm_storeu_ps(p, _mm256_castps256_ps128(v));
+        const __m128 hi = _mm256_extractf128_ps(v, 1);
+        if (m == 0x1F) _mm_store_ss(p + 4, hi);
+        else if (m == 0x3F) _mm_storel_pi(reinterpret_cast<__m64*>(p + 4), hi);
+        else _mm256_mask_storeu_ps(p, m, v);
+    }
+    static ORSM_INLINE V mul(float a, V b) { return _mm256_mul_ps(_mm256_set1_ps(a), b); }
+    static ORSM_INLINE V add(V a, V b) { return _mm256_add_ps(a, b); }
+};
+template <int n, bool whole, class T, class B> ORSM_INLINE void rows_of(typename Rows8<T>::V* bk, const B& b, int o) {
     constexpr __mmask8 m = (1u << n) - 1;
     ORSM_UNROLL for (int k = 0; k < n; ++k) {
         if (whole && k + 1 < n)
-            bk[k] = _mm512_loadu_pd(&b(o, k, 0));
+            bk[k] = Rows8<T>::load(&b(o, k, 0));
         else
-            bk[k] = _mm512_maskz_loadu_pd(m, &b(o, k, 0));
+            bk[k] = Rows8<T>::load(m, &b(o, k, 0));
     }
 }
 template <int n, bool whole, Fixed F, class A, class B, class D>
-ORSM_INLINE void rows_f64(const A a, const B b, const D d, int count) {
+ORSM_INLINE void rows8(const A a, const B b, const D d, int count) {
+    using T = Plain<typename D::value_type>;
+    using R = Rows8<T>;
     constexpr __mmask8 m = (1u << n) - 1;
-    __m512d bk[n];
-    if constexpr (F == Fixed::src2) rows_of_f64<n, false>(bk, b, 0);
+    typename R::V bk[n];
+    if constexpr (F == Fixed::src2) rows_of<n, false, T>(bk, b, 0);
     for (int o = 0; o < count; ++o) {
-        if constexpr (F != Fixed::src2) rows_of_f64<n, whole>(bk, b, o);
+        if constexpr (F != Fixed::src2) rows_of<n, whole, T>(bk, b, o);
         ORSM_UNROLL for (int i = 0; i < n; ++i) {
-            __m512d acc = _mm512_mul_pd(_mm512_set1_pd(a(o, i, 0)), bk[0]);
-            ORSM_UNROLL for (int k = 1; k < n; ++k)
-                acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_set1_pd(a(o, i, k)), bk[k]));
-            _mm512_mask_storeu_pd(&d(o, i, 0), m, acc);
+            typename R::V acc = R::mul(a(o, i, 0), bk[0]);
+            ORSM_UNROLL for (int k = 1; k < n; ++k) acc = R::add(acc, R::mul(a(o, i, k), bk[k]));
+            R::store(m, &d(o, i, 0), acc);
         }
     }
 }
@@ -257,10 +284,11 @@ void order_kernel(const Opnd& a, const Opnd& b, const Opnd& d, int count) {
         if (!t1 && a.s1 == 16 && d.s1 == 16) return rows4_f32<t1, true, fx>(A, B, D, count);
         return rows4_f32<t1, false, fx>(A, B, D, count);
     }
-    if constexpr (!t2 && n >= 5 && sizeof(T) == 8) {
-        if (fx != Fixed::src2 && b.s1 >= (8 - n) * 8 && b.s1 <= 64)
-            return rows_f64<n, true, fx>(op_of<t1>(A), B, D, count);
-        return rows_f64<n, false, fx>(op_of<t1>(A), B, D, count);
+    if constexpr (!t2 && n >= 5) {
+        constexpr std::ptrdiff_t e = sizeof(T);
+        if (fx != Fixed::src2 && b.s1 >= (8 - n) * e && b.s1 <= 8 * e)
+            return rows8<n, true, fx>(op_of<t1>(A), B, D, count);
+        return rows8<n, false, fx>(op_of<t1>(A), B, D, count);
     }
 #endif
     order_path<n, n, n, fx>(op_of<t1>(A), op_of<t2>(B), D, count);
