@@ -128,7 +128,7 @@ template <class T, template <class> class Obj> bool apart(const Systems<T, Obj>&
     return !hull(g.d, first, k, 1, n).meets(hull(g.a, first, k, n, n)) && apart_or_in_place(g.b, g.d, first, k, 1, n);
 }
 
-// The same for a block known when compiling, as lanes::load_rows needs.
+// The same for a block known when compiling, as lanes::store needs.
 template <int R, int C, class O> bool rows_apart(const O& o) { return rows_apart(o, R, C); }
 
 // Whether objects [first, first + k) of R x C blocks share no byte, so

@@ -119,14 +119,29 @@ template <int W, class O> ORSM_INLINE auto load_shared(const O& o, int first, pt
 // the objects in order, as `load` gives them. Per element that is a load
 // and a fraction of an in-lane shuffle, where `load` pays an insert per lane.
 //
-// A short piece is read whole all the same: past the row's end in every row
-// but the last, which lies inside the object as long as rows stand at least
-// C elements apart; in the last row it ends at the row's end and starts
-// before the piece (inside the row, or the row before it). The lanes
-// outside the block are never used. Rows less than C elements apart: `load`.
+// A short piece reads (and writes) just its elements: nothing outside the
+// block is touched, neither the bytes between rows nor another part of the
+// matrix, so these serve wherever the element-by-element forms do.
 namespace piece {
 
 template <class T> constexpr int kP = 16 / int(sizeof(T));
+
+// Elements p[0 .. k-1] in places 0 .. k-1, the other places zero.
+template <class T, int k> ORSM_INLINE V<T, kP<T>> read(const T* p) {
+    using Vp = V<T, kP<T>>;
+    if constexpr (k == kP<T>) {
+        return vx::load<Vp>(p);
+    } else if constexpr (sizeof(T) == 4 && k >= 2) {
+        const V<T, 2> lo = vx::load<V<T, 2>>(p), zero{};
+        Vp v = __builtin_shufflevector(lo, zero, 0, 1, 2, 3);
+        if constexpr (k == 3) v[2] = p[2];
+        return v;
+    } else {
+        Vp v{};
+        v[0] = p[0];
+        return v;
+    }
+}
 
 // The pieces of `n` vectors side by side in one of n times the lanes.
 template <class T, int P> ORSM_INLINE V<T, 2 * P> join(V<T, P> a, V<T, P> b) {
@@ -194,23 +209,32 @@ template <class T, int k> ORSM_INLINE void write(T* p, V<T, kP<T>> v) {
 }  // namespace piece
 
 // An R x C block of objects first .. first + W - 1 of o into x[r][c], lane
-// l holding object first + l: the values of `load`, read by pieces, for
-// objects whose rows stand apart (groups::rows_apart).
-template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load_rows(Vt (&x)[R][C], const O& o, int first) {
+// l holding object first + l: the values of `load`, read by pieces. With
+// `lower`, row r only to column r (the lower triangle; x above it is left
+// as it stands). With `whole`, for rows packed one after another, a short
+// piece is read as a whole one all the same, into the next row, or in the
+// last row from the row before: still elements of the block, and one load
+// where three elements take three.
+template <int W, bool lower = false, bool whole = false, class Vt, int R, int C, class O>
+ORSM_INLINE void load_rows(Vt (&x)[R][C], const O& o, int first) {
     using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
     constexpr int P = piece::kP<T>;
-    static_assert(W % P == 0 && (C >= P || (R >= 2 && 2 * C >= P)), "pieces stay inside the object");
+    static_assert(W % P == 0);
     const T* obj[W];
     static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
     static_for<R>([&](auto r) {
-        static_for<(C + P - 1) / P>([&](auto p) {
-            constexpr int c0 = p * P, k = C - c0 < P ? C - c0 : P;
-            // Elements c0 .. c0 + k - 1 stand at places back .. back + k - 1.
-            constexpr int back = r == R - 1 ? P - k : 0;
+        constexpr int Cr = lower && r + 1 < C ? r + 1 : C;
+        static_for<(Cr + P - 1) / P>([&](auto p) {
+            constexpr int c0 = p * P, k = Cr - c0 < P ? Cr - c0 : P;
+            // Elements c0 .. c0 + k - 1 at places back .. back + k - 1.
+            constexpr int back = whole && r + 1 == R ? P - k : 0;
+            static_assert(!whole || (!lower && R >= 2 && P - k <= C));
             Vt y[P];
             static_for<P>([&](auto q) {
                 y[q] = piece::gather<T, W, W / P>([&](int g) {
-                    return vx::load<V<T, P>>(byte_off(obj[q + P * g], r * o.s1) + (c0 - back));
+                    const T* at = byte_off(obj[q + P * g], r * o.s1) + (c0 - back);
+                    if constexpr (whole) return piece::read<T, P>(at);
+                    else return piece::read<T, k>(at);
                 });
             });
             piece::turn(y);
@@ -259,16 +283,22 @@ template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store(const O
     }
 }
 
-// An R x C block of each object into x[r][c]: by pieces where the rows
-// stand apart, else element by element.
-template <int W, class Vt, int R, int C, class O> ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
+// An R x C block of each object into x[r][c] (with `lower`, its lower
+// triangle): by pieces where the vector holds whole ones, else element by
+// element.
+template <int W, bool lower = false, class Vt, int R, int C, class O>
+ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
     using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
-    constexpr int P = piece::kP<T>;
-    if constexpr (W % P == 0 && (C >= P || (R >= 2 && 2 * C >= P))) {
-        if (groups::rows_apart<R, C>(o)) return load_rows<W>(x, o, first);
+    if constexpr (W % piece::kP<T> == 0) {
+        // Three elements in a piece: whole pieces where rows are packed.
+        if constexpr (sizeof(T) == 4 && C % 4 == 3 && !lower && R >= 2) {
+            if (o.s1 == C * ptrdiff_t(sizeof(T))) return load_rows<W, false, true>(x, o, first);
+        }
+        load_rows<W, lower>(x, o, first);
+    } else {
+        for (int r = 0; r < R; ++r)
+            for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) x[r][c] = load<W>(o, first, r, c);
     }
-    for (int r = 0; r < R; ++r)
-        for (int c = 0; c < C; ++c) x[r][c] = load<W>(o, first, r, c);
 }
 
 }  // namespace

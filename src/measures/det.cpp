@@ -30,7 +30,7 @@ template <int N, class A, class T> void closed_array(const A& a, T* dst, int cou
     const DetFast<T>& k = det_fast<T>();
     const auto objs = groups::objects(a);
     const auto fn = k.of(objs, N);
-    const int W = fn && groups::rows_apart<N, N>(objs) ? k.lanes : 1;
+    const int W = fn ? k.lanes : 1;
     auto group = [&](int n) {
         if (groups::hull(objs, n, W, N, N).meets(groups::Bytes::of(dst + n, W))) return false;
         fn(objs, dst, n);

@@ -19,7 +19,7 @@ using groups::Strided;
 template <class T, int N, int W, template <class> class Obj>
 void det_group(const Obj<const T>& src, T* dst, int first) {
     V<T, W> a[N][N];
-    load_rows<W>(a, src, first);
+    load<W>(a, src, first);
     vx::store(dst + first, closed_det<N>(a));
 }
 

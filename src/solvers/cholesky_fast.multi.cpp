@@ -19,8 +19,8 @@ template <class T, int N, int W, bool NanPasses, bool GroupStep, template <class
 bool decomp(const Group<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     using Vi = VI<T, W>;
-    Vt f[N][N];  // the lower triangle used, the upper one read with it
-    load<W>(f, g.src, first);
+    Vt f[N][N];  // the lower triangle: the upper one is never touched
+    load<W, true>(f, g.src, first);
     Vi bad = splat<Vi>(IntOf<T>(0));
     for (int i = 0; i < N; ++i) {
         for (int j = 0; j < i; ++j) {
