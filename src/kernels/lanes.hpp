@@ -245,16 +245,19 @@ ORSM_INLINE void load_rows(Vt (&x)[R][C], const O& o, int first) {
 
 // x[r][c] into the R x C block of objects first .. first + W - 1 of o, lane
 // l into object first + l, by pieces: the turn undoes itself, and every
-// piece is stored element for element of the block, nothing past it.
-template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store_rows(const O& o, int first, const Vt (&x)[R][C]) {
+// piece is stored element for element of the block, nothing past it. With
+// `lower`, row r only to column r.
+template <int W, bool lower = false, class Vt, int R, int C, class O>
+ORSM_INLINE void store_rows(const O& o, int first, const Vt (&x)[R][C]) {
     using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
     constexpr int P = piece::kP<T>;
     static_assert(W % P == 0);
     T* obj[W];
     static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
     static_for<R>([&](auto r) {
-        static_for<(C + P - 1) / P>([&](auto p) {
-            constexpr int c0 = p * P, k = C - c0 < P ? C - c0 : P;
+        constexpr int Cr = lower && r + 1 < C ? r + 1 : C;
+        static_for<(Cr + P - 1) / P>([&](auto p) {
+            constexpr int c0 = p * P, k = Cr - c0 < P ? Cr - c0 : P;
             Vt y[P];
             static_for<P>([&](auto j) { y[j] = j < k ? x[r][c0 + (j < k ? j : 0)] : Vt{}; });
             piece::turn(y);
@@ -269,16 +272,18 @@ template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store_rows(co
 // The same, object by object and element by element where rows stand
 // closer than C elements or objects meet (a later store overwrites what an
 // earlier one wrote, as in the scalar path's order).
-template <int W, class Vt, int R, int C, class O> ORSM_INLINE void store(const O& o, int first, const Vt (&x)[R][C]) {
+template <int W, bool lower = false, class Vt, int R, int C, class O>
+ORSM_INLINE void store(const O& o, int first, const Vt (&x)[R][C]) {
     using T = Plain<std::remove_reference_t<decltype(*o.obj(0))>>;
     if constexpr (W % piece::kP<T> == 0) {
-        if (groups::rows_apart<R, C>(o) && groups::objects_apart(o, first, W, R, C)) return store_rows<W>(o, first, x);
+        if (groups::rows_apart<R, C>(o) && groups::objects_apart(o, first, W, R, C))
+            return store_rows<W, lower>(o, first, x);
     }
     for (int l = 0; l < W; ++l) {
         T* obj = o.obj(first + l);
         for (int r = 0; r < R; ++r) {
             T* row = byte_off(obj, r * o.s1);
-            for (int c = 0; c < C; ++c) row[c] = x[r][c][l];
+            for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) row[c] = x[r][c][l];
         }
     }
 }

@@ -37,13 +37,7 @@ bool decomp(const Group<T, Obj>& g, int first) {
         else f[i][i] = newton_step(rsqrt_estimate<W>(x), x, GroupStep);
     }
     if (any<T, W>(bad)) return false;
-    for (int l = 0; l < W; ++l) {
-        T* obj = g.dst.obj(first + l);
-        for (int i = 0; i < N; ++i) {
-            T* row = byte_off(obj, i * g.dst.s1);
-            for (int c = 0; c <= i; ++c) row[c] = f[i][c][l];
-        }
-    }
+    store<W, true>(g.dst, first, f);
     return true;
 }
 
