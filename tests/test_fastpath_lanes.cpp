@@ -16,6 +16,10 @@ using namespace orsmtest;
 
 namespace {
 
+template <class T> bool bits_equal(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
 // An array operand in its own storage: object n at element n*s0 (layout S)
 // or at table[n] (layout L, the places of an S arrangement, shuffled or
 // not); rows s1 elements apart (vectors: elements one apart).
@@ -117,7 +121,7 @@ template <class T> struct DetOps {
     std::vector<T> buf;
     int dst_at;  // element of src.mem, or -1: dst apart
     std::vector<T> dst = std::vector<T>(kCount + 8, T(7));
-    bool same(const DetOps& o) const { return src.same(o.src) && dst == o.dst; }
+    bool same(const DetOps& o) const { return src.same(o.src) && bits_equal(dst, o.dst); }
 };
 TYPED_TEST(Lanes, DetAsOneByOne) {
     using T = TypeParam;
@@ -137,6 +141,49 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
                 expect_as_one_by_one<T>("Det_ma", w.list ? Layout::L : Layout::S, ops, bind,
                                         std::string(w.name) + " order " + std::to_string(N) +
                                             (dst_at >= 0 ? " dst in src" : ""));
+            }
+}
+
+// Det over structure-of-arrays planes (layout P, objects one element
+// apart): dst apart, or inside a plane; counts below a group, and with a
+// last part group.
+template <class T> struct SoaDetOps {
+    int N, count;
+    std::vector<T> mem;  // plane e at e * (count + 3)
+    std::vector<T> dst;
+    int dst_at;          // element of mem, or -1: dst apart
+    std::vector<T> buf;
+    std::vector<const T*> table;
+    SoaDetOps(int N_, int count_, int dst_at_)
+        : N(N_), count(count_), mem(std::size_t(N_) * N_ * (count_ + 3)), dst(count_ + 4, T(7)), dst_at(dst_at_),
+          buf(N_ * N_ + N_) {
+        std::mt19937 g(N_ + count_);
+        std::uniform_real_distribution<T> u(-4, 4);
+        for (T& x : mem) x = u(g);
+    }
+    SoaDetOps(const SoaDetOps& o) = default;
+    bool same(const SoaDetOps& o) const { return bits_equal(mem, o.mem) && bits_equal(dst, o.dst); }
+};
+TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
+    using T = TypeParam;
+    orscoreSetNumThreads(1);
+    for (int N = 3; N <= 6; ++N)
+        for (int count : {3, 37})
+            for (int dst_at : {-1, 4 * (count + 3) + 1}) {
+                SoaDetOps<T> all(N, count, dst_at), one = all;
+                auto run = [&](SoaDetOps<T>& o, int n, int k) {
+                    o.table.clear();
+                    for (int e = 0; e < N * N; ++e) o.table.push_back(o.mem.data() + e * (o.count + 3));
+                    Call<T> c("Det_ma", Layout::P);
+                    c.ptr("src") = o.table.data(), c.arg("srcRoiShift") = n * int(sizeof(T));
+                    c.arg("srcStride0") = sizeof(T), c.arg("size") = N, c.arg("count") = k;
+                    c.ptr("buffer") = o.buf.data();
+                    c.ptr("dst") = (o.dst_at >= 0 ? o.mem.data() + o.dst_at : o.dst.data()) + n;
+                    return c.run();
+                };
+                EXPECT_EQ(run(all, 0, count), StatusOk);
+                for (int n = 0; n < count; ++n) EXPECT_EQ(run(one, n, 1), StatusOk);
+                EXPECT_TRUE(all.same(one)) << "order " << N << " count " << count << (dst_at >= 0 ? " dst in src" : "");
             }
 }
 

@@ -29,6 +29,16 @@ template <class T> struct Listed {
     ORSM_INLINE T* obj(int n) const { return byte_off(table[n], shift); }
 };
 
+// The objects of an operand in layout P whose objects stand one element
+// apart (structure of arrays): element (r, c) of object n is element n of
+// the plane table[r * cols + c] + shift.
+template <class T> struct Soa {
+    T* const* table;
+    ptrdiff_t shift;
+    int cols;
+    ORSM_INLINE T* plane(int r, int c) const { return byte_off(table[r * cols + c], shift); }
+};
+
 // The operands of a kernel that reads an object of src and writes one of
 // dst.
 template <class T, template <class> class Obj> struct SrcDst {
@@ -62,6 +72,16 @@ struct Bytes {
         return {c, c + elems * ptrdiff_t(sizeof(T))};
     }
 };
+
+// Whether objects [0, count) of an R x C structure-of-arrays operand share
+// no byte with `elems` elements at p.
+template <class T, class U> bool apart(const Soa<T>& o, int R, int C, int count, const U* p, ptrdiff_t elems) {
+    const Bytes b = Bytes::of(p, elems);
+    for (int r = 0; r < R; ++r)
+        for (int c = 0; c < C; ++c)
+            if (Bytes::of(o.plane(r, c), count).meets(b)) return false;
+    return true;
+}
 
 // Bytes of one object of `rows` rows of `cols` elements.
 template <class O> ptrdiff_t extent(const O& o, int rows, int cols) {

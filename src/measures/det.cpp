@@ -42,6 +42,21 @@ template <int N, class A, class T> void closed_array(const A& a, T* dst, int cou
     });
 }
 
+// P arrays of structure-of-arrays planes (objects one element apart) go
+// W objects at a time when dst meets no plane; a last part group is done
+// again whole, ending at the last object (the same bits stored twice), and
+// fewer objects than W go one at a time.
+template <int N, class T> void closed_planes(const PAcc<const T>& a, T* dst, int count) {
+    const DetFast<T>& k = det_fast<T>();
+    const groups::Soa<const T> planes{a.table, a.shift, a.cols};
+    const int W = k.plane_lanes;
+    if (count < W || !groups::apart(planes, N, N, count, dst, count)) return closed<N>(a, dst, count);
+    const auto fn = k.of(planes, N);
+    int n = 0;
+    for (; n + W <= count; n += W) fn(planes, dst, n);
+    if (n < count) fn(planes, dst, count - W);
+}
+
 struct Det {
     static constexpr bool uses_buffer = true;
     static constexpr bool single_tests_contiguity = true;
@@ -51,8 +66,14 @@ struct Det {
         constexpr bool fast = !Single && (K == Kind::S || K == Kind::L);
         auto orders = [&](auto n) {
             constexpr int N = decltype(n)::value;
-            if constexpr (fast) closed_array<N>(a, dst, count);
-            else closed<N>(a, dst, count);
+            if constexpr (fast) {
+                closed_array<N>(a, dst, count);
+            } else if constexpr (!Single && K == Kind::P) {
+                if (a.s0 == ptrdiff_t(sizeof(T))) closed_planes<N>(a, dst, count);
+                else closed<N>(a, dst, count);
+            } else {
+                closed<N>(a, dst, count);
+            }
         };
         switch (g.w) {
             case 3: return orders(std::integral_constant<int, 3>{});

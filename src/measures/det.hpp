@@ -97,17 +97,19 @@ template <int N, class T> ORSM_INLINE T closed_det(const T (&a)[N][N]) {
 
 // ---- fast paths -------------------------------------------------------------------
 
-// Orders 3 to 6 of the contiguous S and L array kernels, W objects at a
-// time: the determinants of objects first .. first + W - 1 into
-// dst[first ..]. A frame hands a group over only when dst is apart from
-// the group's matrices.
+// Orders 3 to 6 of the contiguous S and L array kernels and of P arrays of
+// structure-of-arrays planes, W objects at a time: the determinants of
+// objects first .. first + W - 1 into dst[first ..]. A frame hands a group
+// over only when dst is apart from the group's matrices.
 template <class T> struct DetFast {
     template <template <class> class Obj> using Fn = void (*)(const Obj<const T>&, T* dst, int first);
-    int lanes;
+    int lanes, plane_lanes;  // objects a group: S and L, P
     Fn<groups::Strided> s[4];  // [order - 3], null where the scalar path is faster
     Fn<groups::Listed> l[4];
+    Fn<groups::Soa> p[4];
     Fn<groups::Strided> of(const groups::Strided<const T>&, int N) const { return s[N - 3]; }
     Fn<groups::Listed> of(const groups::Listed<const T>&, int N) const { return l[N - 3]; }
+    Fn<groups::Soa> of(const groups::Soa<const T>&, int N) const { return p[N - 3]; }
 };
 using DetTable = isa::ByType<DetFast>;
 extern const DetTable det_table_sse2, det_table_avx2, det_table_avx512;

@@ -31,12 +31,13 @@ void det_group(const Obj<const T>& src, T* dst, int first) {
 template <class T> constexpr int kL = vx::kLanes<T> < 32 / int(sizeof(T)) ? vx::kLanes<T> : 32 / int(sizeof(T));
 
 template <class T> constexpr DetFast<T> make() {
-    DetFast<T> k{kL<T>, {}, {}};
+    DetFast<T> k{kL<T>, vx::kLanes<T>, {}, {}, {}};
     static_for<4>([&](auto o) {
         if constexpr (sizeof(T) == 4 || o > 0) {
             k.s[o] = &det_group<T, o + 3, kL<T>, Strided>;
             k.l[o] = &det_group<T, o + 3, kL<T>, Listed>;
         }
+        k.p[o] = &det_group<T, o + 3, vx::kLanes<T>, groups::Soa>;
     });
     return k;
 }
