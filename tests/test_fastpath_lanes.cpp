@@ -144,47 +144,72 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
             }
 }
 
-// Det over structure-of-arrays planes (layout P, objects one element
-// apart): dst apart, or inside a plane; counts below a group, and with a
-// last part group.
-template <class T> struct SoaDetOps {
+// Det and Invert over structure-of-arrays planes (layout P, objects one
+// element apart): dst apart, on src (in place), its planes between src's,
+// or meeting them; counts below a group, and with a last part group; an
+// object that fails (all zero) among the others.
+enum class PlaneDst { apart, in_place, between, meeting, det_inside };
+template <class T> struct PlaneOps {
     int N, count;
-    std::vector<T> mem;  // plane e at e * (count + 3)
-    std::vector<T> dst;
-    int dst_at;          // element of mem, or -1: dst apart
-    std::vector<T> buf;
-    std::vector<const T*> table;
-    SoaDetOps(int N_, int count_, int dst_at_)
-        : N(N_), count(count_), mem(std::size_t(N_) * N_ * (count_ + 3)), dst(count_ + 4, T(7)), dst_at(dst_at_),
-          buf(N_ * N_ + N_) {
-        std::mt19937 g(N_ + count_);
-        std::uniform_real_distribution<T> u(-4, 4);
-        for (T& x : mem) x = u(g);
+    PlaneDst where;
+    std::vector<T> mem, dst, buf;  // src plane e at 2 e (count + 3)
+    bool same(const PlaneOps& o) const { return bits_equal(mem, o.mem) && bits_equal(dst, o.dst); }
+    std::vector<T*> table(bool of_dst) {
+        std::vector<T*> t;
+        for (int e = 0; e < N * N; ++e) {
+            T* src = mem.data() + 2 * e * (count + 3);
+            if (!of_dst || where == PlaneDst::in_place) t.push_back(src);
+            else if (where == PlaneDst::apart) t.push_back(dst.data() + e * (count + 3));
+            else t.push_back(src + (where == PlaneDst::between ? count + 3 : 1));
+        }
+        return t;
     }
-    SoaDetOps(const SoaDetOps& o) = default;
-    bool same(const SoaDetOps& o) const { return bits_equal(mem, o.mem) && bits_equal(dst, o.dst); }
 };
-TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
-    using T = TypeParam;
+template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int count, PlaneDst where, int fails_at) {
     orscoreSetNumThreads(1);
+    PlaneOps<T> all{N, count, where, std::vector<T>(2 * N * N * (count + 3)), std::vector<T>(N * N * (count + 3), T(7)),
+                    std::vector<T>(N * N + N)};
+    std::mt19937 g(N + count);
+    std::uniform_real_distribution<T> u(-1, 1);
+    for (std::size_t i = 0; i < all.mem.size(); ++i) {
+        const std::size_t e = i / (count + 3) / 2, n = i % (2 * (count + 3));
+        all.mem[i] = e % (N + 1) == 0 ? T(N + 2) + u(g) : u(g);  // heavy diagonal
+        if (int(n) == fails_at) all.mem[i] = T(0);
+    }
+    PlaneOps<T> one = all;
+    auto run = [&](PlaneOps<T>& o, int n, int k) {
+        const std::vector<T*> src = o.table(false), dst = o.table(true);
+        const int e = sizeof(T);
+        Call<T> c(stem, Layout::P);
+        c.ptr("src") = const_cast<T**>(src.data()), c.arg("srcRoiShift") = n * e, c.arg("srcStride0") = e;
+        c.arg("size") = N, c.arg("count") = k, c.ptr("buffer") = o.buf.data();
+        if (c.takes("dstStride0")) {
+            c.ptr("dst") = const_cast<T**>(dst.data()), c.arg("dstRoiShift") = n * e, c.arg("dstStride0") = e;
+        } else {
+            c.ptr("dst") = (where == PlaneDst::det_inside ? o.mem.data() + 4 * (count + 3) + 1 : o.dst.data()) + n;
+        }
+        return c.run();
+    };
+    const OrsStatus st = run(all, 0, count);
+    OrsStatus st1 = StatusOk;
+    for (int n = 0; n < count && st1 == StatusOk; ++n) st1 = run(one, n, 1);
+    const std::string at = std::string(stem) + " order " + std::to_string(N) + " count " + std::to_string(count) +
+                           " dst " + std::to_string(int(where)) + " fails at " + std::to_string(fails_at);
+    EXPECT_EQ(st, st1) << at;
+    EXPECT_TRUE(all.same(one)) << at;
+}
+TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
     for (int N = 3; N <= 6; ++N)
         for (int count : {3, 37})
-            for (int dst_at : {-1, 4 * (count + 3) + 1}) {
-                SoaDetOps<T> all(N, count, dst_at), one = all;
-                auto run = [&](SoaDetOps<T>& o, int n, int k) {
-                    o.table.clear();
-                    for (int e = 0; e < N * N; ++e) o.table.push_back(o.mem.data() + e * (o.count + 3));
-                    Call<T> c("Det_ma", Layout::P);
-                    c.ptr("src") = o.table.data(), c.arg("srcRoiShift") = n * int(sizeof(T));
-                    c.arg("srcStride0") = sizeof(T), c.arg("size") = N, c.arg("count") = k;
-                    c.ptr("buffer") = o.buf.data();
-                    c.ptr("dst") = (o.dst_at >= 0 ? o.mem.data() + o.dst_at : o.dst.data()) + n;
-                    return c.run();
-                };
-                EXPECT_EQ(run(all, 0, count), StatusOk);
-                for (int n = 0; n < count; ++n) EXPECT_EQ(run(one, n, 1), StatusOk);
-                EXPECT_TRUE(all.same(one)) << "order " << N << " count " << count << (dst_at >= 0 ? " dst in src" : "");
-            }
+            for (PlaneDst w : {PlaneDst::apart, PlaneDst::det_inside})
+                expect_planes_as_one_by_one<TypeParam>("Det_ma", N, count, w, -1);
+}
+TYPED_TEST(Lanes, InvertOverPlanesAsOneByOne) {
+    for (int N = 3; N <= 6; ++N)
+        for (int count : {3, 37})
+            for (PlaneDst w : {PlaneDst::apart, PlaneDst::in_place, PlaneDst::between, PlaneDst::meeting})
+                for (int fails_at : {-1, 20})
+                    expect_planes_as_one_by_one<TypeParam>("Invert_ma", N, count, w, fails_at);
 }
 
 // The matrix-to-matrix solvers: src apart, every arrangement of dst, and

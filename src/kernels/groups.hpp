@@ -83,6 +83,34 @@ template <class T, class U> bool apart(const Soa<T>& o, int R, int C, int count,
     return true;
 }
 
+// Whether a call may run objects [0, count) of structure-of-arrays planes
+// side by side, W at a time: dst's planes apart from one another, and
+// apart from src's or on them plane for plane (in place).
+template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d, int count, int rows, int cols) {
+    const int E = rows * cols;
+    const ptrdiff_t bytes = ptrdiff_t(count) * ptrdiff_t(sizeof(T));
+    const char* at[64];
+    if (E > 64) return false;
+    bool same = true;
+    Bytes sh{nullptr, nullptr}, dh{nullptr, nullptr};  // hulls
+    for (int e = 0; e < E; ++e) {
+        const Bytes x = Bytes::of(s.plane(e / cols, e % cols), count), y = Bytes::of(d.plane(e / cols, e % cols), count);
+        same = same && x.lo == y.lo;
+        sh = e ? Bytes{std::min(sh.lo, x.lo), std::max(sh.hi, x.hi)} : x;
+        dh = e ? Bytes{std::min(dh.lo, y.lo), std::max(dh.hi, y.hi)} : y;
+        at[e] = y.lo;
+    }
+    std::sort(at, at + E);
+    for (int e = 1; e < E; ++e)
+        if (at[e] - at[e - 1] < bytes) return false;
+    if (same || !sh.meets(dh)) return true;
+    for (int e = 0; e < E; ++e)
+        for (int f = 0; f < E; ++f)
+            if (Bytes::of(s.plane(e / cols, e % cols), count).meets(Bytes::of(d.plane(f / cols, f % cols), count)))
+                return false;
+    return true;
+}
+
 // Bytes of one object of `rows` rows of `cols` elements.
 template <class O> ptrdiff_t extent(const O& o, int rows, int cols) {
     return (rows - 1) * o.s1 + cols * ptrdiff_t(sizeof(*o.obj(0)));

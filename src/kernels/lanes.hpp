@@ -295,6 +295,14 @@ ORSM_INLINE void load(Vt (&x)[R][C], const groups::Soa<T>& o, int first) {
         for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) x[r][c] = vx::load<Vt>(o.plane(r, c) + first);
 }
 
+// x[r][c] into structure-of-arrays objects: one store a plane (the planes
+// stand apart, groups::apart_or_in_place).
+template <int W, bool lower = false, class Vt, int R, int C, class T>
+ORSM_INLINE void store(const groups::Soa<T>& o, int first, const Vt (&x)[R][C]) {
+    for (int r = 0; r < R; ++r)
+        for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) vx::store(o.plane(r, c) + first, x[r][c]);
+}
+
 // An R x C block of each object into x[r][c] (with `lower`, its lower
 // triangle): by pieces where the vector holds whole ones, else element by
 // element.

@@ -287,6 +287,20 @@ OrsStatus invert_objects(const Src& s, const Dst& d, int count, One&& one, Done&
             return ok;
         };
         return groups::in_groups(count, W, group, one);
+    } else if constexpr (!Single && N >= 3 && K == Kind::P) {
+        // Structure-of-arrays planes: objects one element apart in src and
+        // dst, the planes tested once for the call.
+        const FastKernels<T>& k = fast_kernels<T>();
+        const groups::SrcDst<T, groups::Soa> g{{s.table, s.shift, s.cols}, {d.table, d.shift, d.cols}};
+        const auto fn = k.p[N - 3];
+        const bool planes = s.s0 == ptrdiff_t(sizeof(T)) && d.s0 == ptrdiff_t(sizeof(T)) && fn &&
+                            groups::apart_or_in_place(g.src, g.dst, count, N, N);
+        auto group = [&](int n) {
+            const bool ok = fn(g, n);
+            if (ok) done();
+            return ok;
+        };
+        return groups::in_groups(count, planes ? k.lanes : 1, group, one);
     } else {
         return groups::in_groups(count, 1, [](int) { return false; }, one);
     }

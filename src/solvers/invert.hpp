@@ -57,17 +57,23 @@ template <int N, class T> using Sq = T[N][N];
 // the first k rows left on S, along its last row, terms from the last column
 // of S to the first, alternating from plus. A 2 by 2 minor on rows i < k and
 // columns j < l is thus a(i,j) a(k,l) - a(i,l) a(k,j).
+// Unrolled whole, so that every minor is a register of its own.
 template <int N, class T> ORSM_INLINE void minors(const Sq<N, T>& a, Sq<N, T>& M) {
     constexpr int full = (1 << N) - 1;
+#pragma GCC unroll 8
     for (int j = 0; j < N; ++j) {
         auto row = [&](int k) { return k < j ? k : k + 1; };  // k-th row left
         T D[1 << N];
+#pragma GCC unroll 8
         for (int c = 0; c < N; ++c) D[1 << c] = a[row(0)][c];
+#pragma GCC unroll 8
         for (int k = 2; k < N; ++k)
+#pragma GCC unroll 64
             for (int mask = 0; mask < full; ++mask) {
                 if (__builtin_popcount(mask) != k) continue;
                 int t = 0;
                 T s{};
+#pragma GCC unroll 8
                 for (int c = N - 1; c >= 0; --c) {
                     if (!(mask >> c & 1)) continue;
                     const T p = a[row(k - 1)][c] * D[mask & ~(1 << c)];
@@ -133,15 +139,16 @@ template <class T> ORSM_INLINE T adjugate4(const Sq<4, T>& a, Sq<4, T>& adj, boo
 
 // ---- fast paths -------------------------------------------------------------------
 
-// Orders 3 and 4 of the contiguous S and L array kernels, W objects at a
-// time: a group writes only when every determinant passes; otherwise it
-// writes nothing and returns false, and the frame runs the scalar path on
-// its objects.
+// Orders 3 and 4 of the contiguous S and L array kernels, and 3 to 6 of P
+// arrays over structure-of-arrays planes, W objects at a time: a group
+// writes only when every determinant passes; otherwise it writes nothing
+// and returns false, and the frame runs the scalar path on its objects.
 template <class T> struct FastKernels {
     template <template <class> class Obj> using Fn = bool (*)(const groups::SrcDst<T, Obj>&, int first);
     int lanes;
     Fn<groups::Strided> s[2];  // [order - 3]
     Fn<groups::Listed> l[2];
+    Fn<groups::Soa> p[4];      // [order - 3]: P arrays of structure-of-arrays planes
     Fn<groups::Strided> of(const groups::SrcDst<T, groups::Strided>&, int N) const { return s[N - 3]; }
     Fn<groups::Listed> of(const groups::SrcDst<T, groups::Listed>&, int N) const { return l[N - 3]; }
 };

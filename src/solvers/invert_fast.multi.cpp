@@ -41,13 +41,15 @@ template <class T, int W> ORSM_INLINE V<T, W> reciprocal(Recip rc, V<T, W> d) {
     return T(1) / d;
 }
 
-template <class T, int N, int W, Test test, Recip rc, bool alt, template <class> class Obj>
+// `minors`: the adjugate from all minors at every order, as the scalar
+// kernels (P) have it; else order 4 by the packed kinds' closed form.
+template <class T, int N, int W, Test test, Recip rc, bool alt, template <class> class Obj, bool minors = false>
 bool invert(const SrcDst<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     Vt a[N][N], adj[N][N];
     load<W>(a, g.src, first);
     Vt det;
-    if constexpr (N == 3) det = adjugate<3>(a, adj, alt);
+    if constexpr (N == 3 || minors) det = adjugate<N>(a, adj, alt);
     else det = adjugate4(a, adj, alt);
     if (any<T, W>(fails<T, W>(test, det))) return false;
     const Vt r = reciprocal<T, W>(rc, det);
@@ -71,10 +73,16 @@ template <class T, int N, Kind K, template <class> class Obj> constexpr auto fn(
     if constexpr (N == 3) return &invert<T, 3, kL<T>, R.test3, R.recip3, f64, Obj>;
     else return &invert<T, 4, kL<T>, R.test, R.recip, !f64, Obj>;
 }
+template <class T, int N> constexpr auto planes_fn() {
+    constexpr Rules R = rules<T>(Kind::P, false);
+    static_assert(R.method == Method::Scalar);
+    return &invert<T, N, kL<T>, N == 3 ? R.test3 : R.test, N == 3 ? R.recip3 : R.recip, false, groups::Soa, true>;
+}
 template <class T> constexpr FastKernels<T> make() {
     return {kL<T>,
             {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>()},
-            {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>()}};
+            {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>()},
+            {planes_fn<T, 3>(), planes_fn<T, 4>(), planes_fn<T, 5>(), planes_fn<T, 6>()}};
 }
 
 }  // namespace
