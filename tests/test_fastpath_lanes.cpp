@@ -144,10 +144,10 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
             }
 }
 
-// Det and Invert over structure-of-arrays planes (layout P, objects one
+// Det, Invert and CholeskyDecomp over structure-of-arrays planes (layout P, objects one
 // element apart): dst apart, on src (in place), its planes between src's,
 // or meeting them; counts below a group, and with a last part group; an
-// object that fails (all zero) among the others.
+// object that fails (all zero, or a tiny first pivot) among the others.
 enum class PlaneDst { apart, in_place, between, meeting, det_inside };
 template <class T> struct PlaneOps {
     int N, count;
@@ -175,6 +175,10 @@ template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int
         const std::size_t e = i / (count + 3) / 2, n = i % (2 * (count + 3));
         all.mem[i] = e % (N + 1) == 0 ? T(N + 2) + u(g) : u(g);  // heavy diagonal
         if (int(n) == fails_at) all.mem[i] = T(0);
+        // A first pivot of 2^-24, its row and column zero: it fails only
+        // where pivots must pass 2^-23 (CholeskyDecomp's order 3 in P).
+        if (int(n) == -fails_at && e < std::size_t(N * N) && (e < std::size_t(N) || e % N == 0))
+            all.mem[i] = e == 0 ? T(0x1p-24) : T(0);
     }
     PlaneOps<T> one = all;
     auto run = [&](PlaneOps<T>& o, int n, int k) {
@@ -202,14 +206,15 @@ TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
     for (int N = 3; N <= 6; ++N)
         for (int count : {3, 37})
             for (PlaneDst w : {PlaneDst::apart, PlaneDst::det_inside})
-                expect_planes_as_one_by_one<TypeParam>("Det_ma", N, count, w, -1);
+                expect_planes_as_one_by_one<TypeParam>("Det_ma", N, count, w, 999);
 }
-TYPED_TEST(Lanes, InvertOverPlanesAsOneByOne) {
-    for (int N = 3; N <= 6; ++N)
-        for (int count : {3, 37})
-            for (PlaneDst w : {PlaneDst::apart, PlaneDst::in_place, PlaneDst::between, PlaneDst::meeting})
-                for (int fails_at : {-1, 20})
-                    expect_planes_as_one_by_one<TypeParam>("Invert_ma", N, count, w, fails_at);
+TYPED_TEST(Lanes, FactorsOverPlanesAsOneByOne) {
+    for (const char* stem : {"Invert_ma", "CholeskyDecomp_ma"})
+        for (int N = 3; N <= 6; ++N)
+            for (int count : {3, 37})
+                for (PlaneDst w : {PlaneDst::apart, PlaneDst::in_place, PlaneDst::between, PlaneDst::meeting})
+                    for (int fails_at : {999, 20, -20})  // 999: none
+                        expect_planes_as_one_by_one<TypeParam>(stem, N, count, w, fails_at);
 }
 
 // The matrix-to-matrix solvers: src apart, every arrangement of dst, and

@@ -77,6 +77,7 @@ template <class T> struct FastKernels {
     Fn<Listed> l[4];
     SolveFn<Strided> solve_s[4];
     SolveFn<Listed> solve_l[4];
+    Fn<groups::Soa> p[4];  // P arrays of structure-of-arrays planes
     Fn<Strided> of(const Group<T, Strided>&, int N) const { return s[N - 3]; }
     Fn<Listed> of(const Group<T, Listed>&, int N) const { return l[N - 3]; }
     SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }

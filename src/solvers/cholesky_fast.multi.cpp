@@ -15,7 +15,8 @@ namespace {
 
 using namespace ::orsm::lanes::ORSM_TARGET;
 
-template <class T, int N, int W, bool NanPasses, bool GroupStep, template <class> class Obj>
+// `tiny`: pivots fail up to 2^-23 (layout P at order 3), else up to zero.
+template <class T, int N, int W, bool NanPasses, bool GroupStep, template <class> class Obj, bool tiny = false>
 bool decomp(const Group<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     using Vi = VI<T, W>;
@@ -32,7 +33,7 @@ bool decomp(const Group<T, Obj>& g, int first) {
         for (int q = 0; q < i; ++q) x = x - f[i][q] * f[i][q];
         // The four-at-a-time kernel fails pivots at or below zero only, so
         // that a NaN passes; the others fail whatever is not above zero.
-        bad |= NanPasses ? Vi(x <= T(0)) : Vi(~(x > T(0)));
+        bad |= NanPasses ? Vi(x <= T(0)) : Vi(~(x > T(tiny ? 0x1p-23 : 0.0)));
         if constexpr (sizeof(T) == 8) f[i][i] = T(1) / vsqrt<T, W>(x);
         else f[i][i] = newton_step(rsqrt_estimate<W>(x), x, GroupStep);
     }
@@ -70,6 +71,12 @@ template <class T, int N, Kind K, template <class> class Obj> constexpr auto fn(
     static_assert(k.threshold == 0.0);
     return &decomp<T, N, vx::kLanes<T>, k.nan_passes, k.group_step, Obj>;
 }
+// P arrays over structure-of-arrays planes, order N.
+template <class T, int N> constexpr auto planes_fn() {
+    constexpr Kernel k = kernel_of<T>(Form::ma, Kind::P, N);
+    static_assert(k.threshold == 0.0 || k.threshold == 0x1p-23);
+    return &decomp<T, N, vx::kLanes<T>, k.nan_passes, k.group_step, groups::Soa, k.threshold != 0.0>;
+}
 // The solve loads one element per lane, which outweighs its arithmetic
 // beyond eight lanes.
 template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
@@ -83,7 +90,8 @@ template <class T> constexpr FastKernels<T> make() {
             {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>(), fn<T, 5, Kind::L, Listed>(),
              fn<T, 6, Kind::L, Listed>()},
             {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
-            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>}};
+            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>},
+            {planes_fn<T, 3>(), planes_fn<T, 4>(), planes_fn<T, 5>(), planes_fn<T, 6>()}};
 }
 
 }  // namespace
