@@ -144,7 +144,7 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
             }
 }
 
-// Det, Invert and CholeskyDecomp over structure-of-arrays planes (layout P, objects one
+// Det, Invert, CholeskyDecomp and QRDecomp over structure-of-arrays planes (layout P, objects one
 // element apart): dst apart, on src (in place), its planes between src's,
 // or meeting them; counts below a group, and with a last part group; an
 // object that fails (all zero, or a tiny first pivot) among the others.
@@ -186,7 +186,9 @@ template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int
         const int e = sizeof(T);
         Call<T> c(stem, Layout::P);
         c.ptr("src") = const_cast<T**>(src.data()), c.arg("srcRoiShift") = n * e, c.arg("srcStride0") = e;
-        c.arg("size") = N, c.arg("count") = k, c.ptr("buffer") = o.buf.data();
+        if (c.takes("size")) c.arg("size") = N;
+        else c.arg("width") = N, c.arg("height") = N;
+        c.arg("count") = k, c.ptr("buffer") = o.buf.data();
         if (c.takes("dstStride0")) {
             c.ptr("dst") = const_cast<T**>(dst.data()), c.arg("dstRoiShift") = n * e, c.arg("dstStride0") = e;
         } else {
@@ -209,7 +211,7 @@ TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
                 expect_planes_as_one_by_one<TypeParam>("Det_ma", N, count, w, 999);
 }
 TYPED_TEST(Lanes, FactorsOverPlanesAsOneByOne) {
-    for (const char* stem : {"Invert_ma", "CholeskyDecomp_ma"})
+    for (const char* stem : {"Invert_ma", "CholeskyDecomp_ma", "QRDecomp_ma"})
         for (int N = 3; N <= 6; ++N)
             for (int count : {3, 37})
                 for (PlaneDst w : {PlaneDst::apart, PlaneDst::in_place, PlaneDst::between, PlaneDst::meeting})

@@ -99,6 +99,7 @@ template <class T> struct FastKernels {
     Fn<groups::Listed> l[4];
     SolveFn<groups::Strided> solve_s[4];
     SolveFn<groups::Listed> solve_l[4];
+    Fn<groups::Soa> p[4];  // P arrays of structure-of-arrays planes
     Fn<groups::Strided> of(const groups::SrcDst<T, groups::Strided>&, int N) const { return s[N - 3]; }
     Fn<groups::Listed> of(const groups::SrcDst<T, groups::Listed>&, int N) const { return l[N - 3]; }
     SolveFn<groups::Strided> of(const groups::Systems<T, groups::Strided>&, int N) const { return solve_s[N - 3]; }

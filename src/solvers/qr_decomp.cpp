@@ -77,8 +77,8 @@ template <class D, class T> OrsStatus reflect(const D& d, int n, T* buf, int w, 
 }
 
 // Runs one(n) over objects [0, count) in order; square contiguous S and L
-// arrays of orders 3 to 6 hand groups of objects to the fast paths
-// (qr.hpp) where they can.
+// arrays of orders 3 to 6, and square P arrays over structure-of-arrays
+// planes, hand groups of objects to the fast paths (qr.hpp) where they can.
 template <Kind K, class Src, class Dst, class T, class One>
 OrsStatus decomp_objects(const Src& s, const Dst& d, T* buf, int w, int h, int count, One&& one) {
     if constexpr (K == Kind::S || K == Kind::L) {
@@ -88,6 +88,16 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, T* buf, int w, int h, int c
             const auto fn = k.of(g, w);
             auto group = [&](int n) { return groups::apart_or_in_place(g.src, g.dst, n, k.lanes, w, w) && fn(g, buf, n); };
             return groups::in_groups(count, k.lanes, group, one);
+        }
+    } else if constexpr (K == Kind::P) {
+        // Structure-of-arrays planes: objects one element apart in src and
+        // dst, the planes tested once for the call.
+        if (w == h && w >= 3 && w <= 6 && s.s0 == ptrdiff_t(sizeof(T)) && d.s0 == ptrdiff_t(sizeof(T))) {
+            const qr::FastKernels<T>& k = qr::fast_kernels<T>();
+            const groups::SrcDst<T, groups::Soa> g{{s.table, s.shift, s.cols}, {d.table, d.shift, d.cols}};
+            const auto fn = k.p[w - 3];
+            const int W = groups::apart_or_in_place(g.src, g.dst, count, w, w) ? k.lanes : 1;
+            return groups::in_groups(count, W, [&](int n) { return fn(g, buf, n); }, one);
         }
     }
     return groups::in_groups(count, 1, [](int) { return false; }, one);

@@ -80,7 +80,9 @@ template <class T> constexpr FastKernels<T> make() {
             {&decomp<T, 3, W, Strided>, &decomp<T, 4, W, Strided>, &decomp<T, 5, W, Strided>, &decomp<T, 6, W, Strided>},
             {&decomp<T, 3, W, Listed>, &decomp<T, 4, W, Listed>, &decomp<T, 5, W, Listed>, &decomp<T, 6, W, Listed>},
             {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
-            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>}};
+            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>},
+            {&decomp<T, 3, W, groups::Soa>, &decomp<T, 4, W, groups::Soa>, &decomp<T, 5, W, groups::Soa>,
+             &decomp<T, 6, W, groups::Soa>}};
 }
 
 }  // namespace
