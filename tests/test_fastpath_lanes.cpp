@@ -144,7 +144,7 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
             }
 }
 
-// Det, Invert, CholeskyDecomp and QRDecomp over structure-of-arrays planes (layout P, objects one
+// Det and the factorisations over structure-of-arrays planes (layout P, objects one
 // element apart): dst apart, on src (in place), its planes between src's,
 // or meeting them; counts below a group, and with a last part group; an
 // object that fails (all zero, or a tiny first pivot) among the others.
@@ -153,7 +153,8 @@ template <class T> struct PlaneOps {
     int N, count;
     PlaneDst where;
     std::vector<T> mem, dst, buf;  // src plane e at 2 e (count + 3)
-    bool same(const PlaneOps& o) const { return bits_equal(mem, o.mem) && bits_equal(dst, o.dst); }
+    std::vector<int> index = std::vector<int>(N * count + 8, -1);
+    bool same(const PlaneOps& o) const { return bits_equal(mem, o.mem) && bits_equal(dst, o.dst) && index == o.index; }
     std::vector<T*> table(bool of_dst) {
         std::vector<T*> t;
         for (int e = 0; e < N * N; ++e) {
@@ -173,7 +174,11 @@ template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int
     std::uniform_real_distribution<T> u(-1, 1);
     for (std::size_t i = 0; i < all.mem.size(); ++i) {
         const std::size_t e = i / (count + 3) / 2, n = i % (2 * (count + 3));
-        all.mem[i] = e % (N + 1) == 0 ? T(N + 2) + u(g) : u(g);  // heavy diagonal
+        // A heavy diagonal; for LUDecomp every other object's on the
+        // anti-diagonal, so that rows change places.
+        const bool anti = std::string(stem) == "LUDecomp_ma" && n % 2 && e < std::size_t(N * N);
+        const bool heavy = anti ? e % N == N - 1 - e / N : e % (N + 1) == 0;
+        all.mem[i] = heavy ? T(N + 2) + u(g) : u(g);
         if (int(n) == fails_at) all.mem[i] = T(0);
         // A first pivot of 2^-24, its row and column zero: it fails only
         // where pivots must pass 2^-23 (CholeskyDecomp's order 3 in P).
@@ -188,7 +193,7 @@ template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int
         c.ptr("src") = const_cast<T**>(src.data()), c.arg("srcRoiShift") = n * e, c.arg("srcStride0") = e;
         if (c.takes("size")) c.arg("size") = N;
         else c.arg("width") = N, c.arg("height") = N;
-        c.arg("count") = k, c.ptr("buffer") = o.buf.data();
+        c.arg("count") = k, c.ptr("buffer") = o.buf.data(), c.ptr("dstIndex") = o.index.data() + n * N;
         if (c.takes("dstStride0")) {
             c.ptr("dst") = const_cast<T**>(dst.data()), c.arg("dstRoiShift") = n * e, c.arg("dstStride0") = e;
         } else {
@@ -211,7 +216,7 @@ TYPED_TEST(Lanes, DetOverPlanesAsOneByOne) {
                 expect_planes_as_one_by_one<TypeParam>("Det_ma", N, count, w, 999);
 }
 TYPED_TEST(Lanes, FactorsOverPlanesAsOneByOne) {
-    for (const char* stem : {"Invert_ma", "CholeskyDecomp_ma", "QRDecomp_ma"})
+    for (const char* stem : {"Invert_ma", "CholeskyDecomp_ma", "QRDecomp_ma", "LUDecomp_ma"})
         for (int N = 3; N <= 6; ++N)
             for (int count : {3, 37})
                 for (PlaneDst w : {PlaneDst::apart, PlaneDst::in_place, PlaneDst::between, PlaneDst::meeting})

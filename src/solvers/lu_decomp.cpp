@@ -117,8 +117,8 @@ OrsStatus decomp_general(const Src& s, const Dst& d, int n, int* index, int size
 }
 
 // Runs one(n) over objects [0, count) in order; the contiguous S and L
-// kernels hand groups of objects to the fast paths where they can
-// (lu_fast.hpp).
+// kernels, and P arrays over structure-of-arrays planes, hand groups of
+// objects to the fast paths where they can (lu_fast.hpp).
 template <Kind K, int N, class Src, class Dst, class One>
 OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&& one) {
     using T = Plain<typename Dst::value_type>;
@@ -128,6 +128,16 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&
         const auto fn = k.of(g, N);
         const int W = fn ? k.decomp_lanes : 1;
         return groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && fn(g, n); }, one);
+    } else if constexpr (N != 0 && K == Kind::P) {
+        // Structure-of-arrays planes: objects one element apart in src and
+        // dst, the planes and the tables tested once for the call.
+        const LuKernels<T>& k = lu_kernels<T>();
+        const DecompGroup<T, groups::Soa> g{{s.table, s.shift, s.cols}, {d.table, d.shift, d.cols}, index};
+        const ptrdiff_t e = sizeof(T), tables = ptrdiff_t(count) * N;
+        const bool planes = s.s0 == e && d.s0 == e && groups::apart_or_in_place(g.src, g.dst, count, N, N) &&
+                            groups::apart(g.src, N, N, count, index, tables) &&
+                            groups::apart(g.dst, N, N, count, index, tables);
+        return groups::in_groups(count, planes ? k.decomp_lanes : 1, [&](int n) { return k.decomp_p[N - 3](g, n); }, one);
     } else {
         return groups::in_groups(count, 1, [](int) { return false; }, one);
     }

@@ -56,6 +56,7 @@ template <class T> struct LuKernels {
     DecompFn<Listed> decomp_l[4];
     SolveFn<Strided> solve_s[4];
     SolveFn<Listed> solve_l[4];
+    DecompFn<groups::Soa> decomp_p[4];  // P arrays of structure-of-arrays planes
     // The kernel of a group's layout.
     DecompFn<Strided> of(const DecompGroup<T, Strided>&, int N) const { return decomp_s[N - 3]; }
     DecompFn<Listed> of(const DecompGroup<T, Listed>&, int N) const { return decomp_l[N - 3]; }

@@ -63,18 +63,35 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const D
     for (int i = 0; i < N - 1; ++i) last = q[i] == IntOf<T>(N - 1) ? w[i][N - 1] : last;
     bad |= vabs<T, W>(last) < eps;
     if (any<T, W>(bad)) return false;
-    for (int l = 0; l < W; ++l) {
-        const int n = first + l;
-        T* obj = g.dst.obj(n);
-        int* idx = g.index + ptrdiff_t(n) * N;
-        for (int i = 0; i < N; ++i) {
-            const int row = int(q[i][l]);
-            idx[i] = row;
-            T* d = byte_off(obj, row * g.dst.s1);
-            for (int c = 0; c < N; ++c) d[c] = w[i][c][l];
+    if constexpr (std::is_same_v<Obj<T>, groups::Soa<T>>) {
+        // Planes: physical row p is the working row whose table entry is p
+        // (the table is a permutation in every lane: one i matches).
+        Vt out[N][N];
+        for (int p = 0; p < N; ++p) {
+            for (int c = 0; c < N; ++c) out[p][c] = w[0][c];
+            for (int i = 1; i < N; ++i) {
+                const Vi x = q[i] == IntOf<T>(p);
+                for (int c = 0; c < N; ++c) out[p][c] = x ? w[i][c] : out[p][c];
+            }
         }
+        store<W>(g.dst, first, out);
+        for (int l = 0; l < W; ++l)
+            for (int i = 0; i < N; ++i) g.index[ptrdiff_t(first + l) * N + i] = int(q[i][l]);
+        return true;
+    } else {
+        for (int l = 0; l < W; ++l) {
+            const int n = first + l;
+            T* obj = g.dst.obj(n);
+            int* idx = g.index + ptrdiff_t(n) * N;
+            for (int i = 0; i < N; ++i) {
+                const int row = int(q[i][l]);
+                idx[i] = row;
+                T* d = byte_off(obj, row * g.dst.s1);
+                for (int c = 0; c < N; ++c) d[c] = w[i][c][l];
+            }
+        }
+        return true;
     }
-    return true;
 }
 
 // ---- LUBackSubst -------------------------------------------------------------------
@@ -129,7 +146,9 @@ template <class T> constexpr LuKernels<T> make() {
             {solve_fn<T, 3, Strided>(), solve_fn<T, 4, Strided>(), solve_fn<T, 5, Strided>(),
              solve_fn<T, 6, Strided>()},
             {solve_fn<T, 3, Listed>(), solve_fn<T, 4, Listed>(), solve_fn<T, 5, Listed>(),
-             solve_fn<T, 6, Listed>()}};
+             solve_fn<T, 6, Listed>()},
+            {&decomp<T, 3, D, groups::Soa>, &decomp<T, 4, D, groups::Soa>, &decomp<T, 5, D, groups::Soa>,
+             &decomp<T, 6, D, groups::Soa>}};
 }
 
 }  // namespace
