@@ -73,6 +73,10 @@ struct Bytes {
     }
 };
 
+// A P operand's objects as planes, when they stand one element apart.
+template <class T> bool one_apart(const PAcc<T>& a) { return a.s0 == ptrdiff_t(sizeof(T)); }
+template <class T> Soa<T> planes(const PAcc<T>& a) { return {a.table, a.shift, a.cols}; }
+
 // Whether objects [0, count) of an R x C structure-of-arrays operand share
 // no byte with `elems` elements at p.
 template <class T, class U> bool apart(const Soa<T>& o, int R, int C, int count, const U* p, ptrdiff_t elems) {

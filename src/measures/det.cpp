@@ -48,7 +48,7 @@ template <int N, class A, class T> void closed_array(const A& a, T* dst, int cou
 // fewer objects than W go one at a time.
 template <int N, class T> void closed_planes(const PAcc<const T>& a, T* dst, int count) {
     const DetFast<T>& k = det_fast<T>();
-    const groups::Soa<const T> planes{a.table, a.shift, a.cols};
+    const groups::Soa<const T> planes = groups::planes(a);
     const int W = k.plane_lanes;
     if (count < W || !groups::apart(planes, N, N, count, dst, count)) return closed<N>(a, dst, count);
     const auto fn = k.of(planes, N);
@@ -69,7 +69,7 @@ struct Det {
             if constexpr (fast) {
                 closed_array<N>(a, dst, count);
             } else if constexpr (!Single && K == Kind::P) {
-                if (a.s0 == ptrdiff_t(sizeof(T))) closed_planes<N>(a, dst, count);
+                if (groups::one_apart(a)) closed_planes<N>(a, dst, count);
                 else closed<N>(a, dst, count);
             } else {
                 closed<N>(a, dst, count);

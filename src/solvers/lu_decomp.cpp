@@ -132,9 +132,10 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&
         // Structure-of-arrays planes: objects one element apart in src and
         // dst, the planes and the tables tested once for the call.
         const LuKernels<T>& k = lu_kernels<T>();
-        const DecompGroup<T, groups::Soa> g{{s.table, s.shift, s.cols}, {d.table, d.shift, d.cols}, index};
-        const ptrdiff_t e = sizeof(T), tables = ptrdiff_t(count) * N;
-        const bool planes = s.s0 == e && d.s0 == e && groups::apart_or_in_place(g.src, g.dst, count, N, N) &&
+        const DecompGroup<T, groups::Soa> g{groups::planes(s), groups::planes(d), index};
+        const ptrdiff_t tables = ptrdiff_t(count) * N;
+        const bool planes = groups::one_apart(s) && groups::one_apart(d) &&
+                            groups::apart_or_in_place(g.src, g.dst, count, N, N) &&
                             groups::apart(g.src, N, N, count, index, tables) &&
                             groups::apart(g.dst, N, N, count, index, tables);
         return groups::in_groups(count, planes ? k.decomp_lanes : 1, [&](int n) { return k.decomp_p[N - 3](g, n); }, one);
