@@ -36,7 +36,7 @@
     X(orsmInvert_ma_64f) X(orsmCholeskyDecomp_ma_32f) X(orsmCholeskyDecomp_ma_64f)                 \
     X(orsmCholeskyBackSubst_mava_32f) X(orsmCholeskyBackSubst_mava_64f) X(orsmQRDecomp_ma_32f)     \
     X(orsmQRDecomp_ma_64f) X(orsmQRBackSubst_mava_32f) X(orsmQRBackSubst_mava_64f)                 \
-    X(orsmEigenValuesSym_ma_32f) X(orsmEigenValuesSym_ma_64f)
+    X(orsmEigenValuesSym_ma_32f) X(orsmEigenValuesSym_ma_64f) X(orsmDet_ma_32f_P) X(orsmDet_ma_64f_P)
 BENCH_ORSM_USED(BENCH_WEAK)
 
 namespace {
@@ -396,6 +396,7 @@ template <class T> struct Lib;
         static auto lu() { return &orsmLUDecomp_ma_##t; }                                         \
         static auto lu_solve() { return &orsmLUBackSubst_mava_##t; }                              \
         static auto det() { return &orsmDet_ma_##t; }                                             \
+        static auto det_p() { return &orsmDet_ma_##t##_P; }                                       \
         static auto invert() { return &orsmInvert_ma_##t; }                                       \
         static auto chol() { return &orsmCholeskyDecomp_ma_##t; }                                 \
         static auto chol_solve() { return &orsmCholeskyBackSubst_mava_##t; }                      \
@@ -797,6 +798,23 @@ template <class T> void solver_case(Op op, int n, long count) {
     T* c = buf.c<T>();
     add_row(cs, "eigen", solvers::eigen_available(), [=] { solvers::eigen(op, n, a, b, c, count); });
     add_row(cs, "lapack per matrix", solvers::lapack_available(), [=] { solvers::lapack(op, n, a, b, c, count); });
+    if (op == Op::det) {
+        // The same matrices as structure-of-arrays planes (layout P, objects
+        // one element apart), laid out before the case.
+        auto planes = std::make_shared<std::vector<T>>(size_t(n) * n * count);
+        auto table = std::make_shared<std::vector<const T*>>();
+        for (int e = 0; e < n * n; ++e) {
+            for (long o = 0; o < count; ++o) (*planes)[e * count + o] = a[o * n * n + e];
+            table->push_back(planes->data() + e * count);
+        }
+        auto scratch = std::make_shared<std::vector<T>>(size_t(n) * n + n);
+        auto d = Lib<T>::det_p();
+        add_row(cs, "orsm P soa", have(d), [=] {
+            (void)planes;  // held by the row: the table points into it
+            orscoreSetNumThreads(1);
+            need_ok(d(table->data(), 0, sizeof(T), n, scratch->data(), c, int(count)), "orsmDet_ma_P");
+        });
+    }
     run_case(cs);
 }
 
