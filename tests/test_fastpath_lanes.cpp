@@ -52,8 +52,18 @@ template <class T> struct Arr {
         };
         put("Stride0", s0 * e), put("Stride1", s1 * e), put("Stride2", e), put("RoiShift", 0);
     }
-    bool same(const Arr& o) const { return std::memcmp(mem.data(), o.mem.data(), mem.size() * sizeof(T)) == 0; }
+    bool same(const Arr& o) const { return bits_equal(mem, o.mem); }
 };
+
+// The order of a call on square matrices, and its scratch and row tables
+// where it takes them.
+template <class T> void set_square(Call<T>& c, int N, T* buf, int* index) {
+    if (c.takes("size")) c.arg("size") = N;
+    else c.arg("width") = N, c.arg("height") = N;
+    if (c.takes("buffer")) c.ptr("buffer") = buf;
+    for (const char* p : {"dstIndex", "srcIndex"})
+        if (c.takes(p)) c.ptr(p) = index;
+}
 
 // Matrices with a heavy diagonal, symmetric: every factorisation passes.
 template <class T> void fill_systems(Arr<T>& a, unsigned seed) {
@@ -72,7 +82,7 @@ template <class T> void fill_systems(Arr<T>& a, unsigned seed) {
 // objects apart, rows closer than a row, objects overlapping; and listed.
 struct Way {
     const char* name;
-    int s0, s1;  // for N; s0 of -1: the next object one row on
+    int s0, s1;  // elements, for order N
     bool list, shuffled;
 };
 std::vector<Way> ways(int N, bool overlap_objects) {
@@ -136,7 +146,7 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
                 auto bind = [&](Call<T>& c, DetOps<T>& o, int n) {
                     o.src.bind(c, "src", n);
                     c.ptr("dst") = (o.dst_at >= 0 ? o.src.mem.data() + o.dst_at : o.dst.data()) + n;
-                    c.ptr("buffer") = o.buf.data(), c.arg("size") = N;
+                    set_square(c, N, o.buf.data(), nullptr);
                 };
                 expect_as_one_by_one<T>("Det_ma", w.list ? Layout::L : Layout::S, ops, bind,
                                         std::string(w.name) + " order " + std::to_string(N) +
@@ -144,8 +154,8 @@ TYPED_TEST(Lanes, DetAsOneByOne) {
             }
 }
 
-// Det and the factorisations over structure-of-arrays planes (layout P, objects one
-// element apart): dst apart, on src (in place), its planes between src's,
+// Det and the factorisations over structure-of-arrays planes (layout P,
+// objects one element apart): dst apart, on src (in place), its planes between src's,
 // or meeting them; counts below a group, and with a last part group; an
 // object that fails (all zero, or a tiny first pivot) among the others.
 enum class PlaneDst { apart, in_place, between, meeting, det_inside };
@@ -191,9 +201,8 @@ template <class T> void expect_planes_as_one_by_one(const char* stem, int N, int
         const int e = sizeof(T);
         Call<T> c(stem, Layout::P);
         c.ptr("src") = const_cast<T**>(src.data()), c.arg("srcRoiShift") = n * e, c.arg("srcStride0") = e;
-        if (c.takes("size")) c.arg("size") = N;
-        else c.arg("width") = N, c.arg("height") = N;
-        c.arg("count") = k, c.ptr("buffer") = o.buf.data(), c.ptr("dstIndex") = o.index.data() + n * N;
+        set_square(c, N, o.buf.data(), o.index.data() + n * N);
+        c.arg("count") = k;
         if (c.takes("dstStride0")) {
             c.ptr("dst") = const_cast<T**>(dst.data()), c.arg("dstRoiShift") = n * e, c.arg("dstStride0") = e;
         } else {
@@ -248,10 +257,7 @@ TYPED_TEST(Lanes, FactorsAndInversesAsOneByOne) {
                     auto bind = [&](Call<T>& c, MatOps<T>& o, int n) {
                         o.src.bind(c, "src", n);
                         (o.in_place ? o.src : o.dst).bind(c, "dst", n);
-                        if (c.takes("buffer")) c.ptr("buffer") = o.buf.data();
-                        if (c.takes("dstIndex")) c.ptr("dstIndex") = o.index.data() + n * N;
-                        if (c.takes("size")) c.arg("size") = N;
-                        else c.arg("width") = N, c.arg("height") = N;
+                        set_square(c, N, o.buf.data(), o.index.data() + n * N);
                     };
                     expect_as_one_by_one<T>(stem, w.list ? Layout::L : Layout::S, ops, bind,
                                             std::string(stem) + " " + w.name + " order " + std::to_string(N) +
@@ -284,19 +290,13 @@ TYPED_TEST(Lanes, SolvesAsOneByOne) {
                     for (T& x : ops.b.mem) x = T(std::rand() % 200 - 100) / T(8);
                     Call<T> f(decomp, list ? Layout::L : Layout::S);
                     ops.a.bind(f, "src", 0), ops.a.bind(f, "dst", 0);
-                    if (f.takes("buffer")) f.ptr("buffer") = ops.buf.data();
-                    if (f.takes("dstIndex")) f.ptr("dstIndex") = ops.index.data();
-                    if (f.takes("size")) f.arg("size") = N;
-                    else f.arg("width") = N, f.arg("height") = N;
+                    set_square(f, N, ops.buf.data(), ops.index.data());
                     f.arg("count") = kCount;
                     ASSERT_EQ(f.run(), StatusOk) << decomp;
                     auto bind = [&](Call<T>& c, SolveOps<T>& o, int n) {
                         o.a.bind(c, "src1", n), o.b.bind(c, "src2", n);
                         (o.in_place ? o.b : o.d).bind(c, "dst", n);
-                        if (c.takes("buffer")) c.ptr("buffer") = o.buf.data();
-                        if (c.takes("srcIndex")) c.ptr("srcIndex") = o.index.data() + n * N;
-                        if (c.takes("size")) c.arg("size") = N;
-                        else c.arg("width") = N, c.arg("height") = N;
+                        set_square(c, N, o.buf.data(), o.index.data() + n * N);
                     };
                     expect_as_one_by_one<T>(solve, list ? Layout::L : Layout::S, ops, bind,
                                             std::string(solve) + " order " + std::to_string(N) + " dst s0 " +

@@ -36,7 +36,8 @@ template <class T> struct Soa {
     T* const* table;
     ptrdiff_t shift;
     int cols;
-    ORSM_INLINE T* plane(int r, int c) const { return byte_off(table[r * cols + c], shift); }
+    ORSM_INLINE T* plane(int e) const { return byte_off(table[e], shift); }  // e = r * cols + c
+    ORSM_INLINE T* plane(int r, int c) const { return plane(r * cols + c); }
 };
 
 // The operands of a kernel that reads an object of src and writes one of
@@ -73,17 +74,12 @@ struct Bytes {
     }
 };
 
-// A P operand's objects as planes, when they stand one element apart.
-template <class T> bool one_apart(const PAcc<T>& a) { return a.s0 == ptrdiff_t(sizeof(T)); }
-template <class T> Soa<T> planes(const PAcc<T>& a) { return {a.table, a.shift, a.cols}; }
-
 // Whether objects [0, count) of an R x C structure-of-arrays operand share
 // no byte with `elems` elements at p.
 template <class T, class U> bool apart(const Soa<T>& o, int R, int C, int count, const U* p, ptrdiff_t elems) {
     const Bytes b = Bytes::of(p, elems);
-    for (int r = 0; r < R; ++r)
-        for (int c = 0; c < C; ++c)
-            if (Bytes::of(o.plane(r, c), count).meets(b)) return false;
+    for (int e = 0; e < R * C; ++e)
+        if (Bytes::of(o.plane(e), count).meets(b)) return false;
     return true;
 }
 
@@ -92,13 +88,12 @@ template <class T, class U> bool apart(const Soa<T>& o, int R, int C, int count,
 // apart from src's or on them plane for plane (in place).
 template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d, int count, int rows, int cols) {
     const int E = rows * cols;
-    const ptrdiff_t bytes = ptrdiff_t(count) * ptrdiff_t(sizeof(T));
-    const char* at[64];
     if (E > 64) return false;
+    const char* at[64];
     bool same = true;
     Bytes sh{nullptr, nullptr}, dh{nullptr, nullptr};  // hulls
     for (int e = 0; e < E; ++e) {
-        const Bytes x = Bytes::of(s.plane(e / cols, e % cols), count), y = Bytes::of(d.plane(e / cols, e % cols), count);
+        const Bytes x = Bytes::of(s.plane(e), count), y = Bytes::of(d.plane(e), count);
         same = same && x.lo == y.lo;
         sh = e ? Bytes{std::min(sh.lo, x.lo), std::max(sh.hi, x.hi)} : x;
         dh = e ? Bytes{std::min(dh.lo, y.lo), std::max(dh.hi, y.hi)} : y;
@@ -106,13 +101,20 @@ template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d
     }
     std::sort(at, at + E);
     for (int e = 1; e < E; ++e)
-        if (at[e] - at[e - 1] < bytes) return false;
+        if (at[e] - at[e - 1] < count * ptrdiff_t(sizeof(T))) return false;
     if (same || !sh.meets(dh)) return true;
     for (int e = 0; e < E; ++e)
-        for (int f = 0; f < E; ++f)
-            if (Bytes::of(s.plane(e / cols, e % cols), count).meets(Bytes::of(d.plane(f / cols, f % cols), count)))
-                return false;
+        if (!apart(d, rows, cols, count, s.plane(e), count)) return false;
     return true;
+}
+
+// A P operand's objects as planes, when they stand one element apart; and
+// a src and dst pair of them that a call may run W objects at a time.
+template <class T> bool one_apart(const PAcc<T>& a) { return a.s0 == ptrdiff_t(sizeof(T)); }
+template <class T> Soa<T> planes(const PAcc<T>& a) { return {a.table, a.shift, a.cols}; }
+template <class T> SrcDst<T, Soa> planes(const PAcc<const T>& s, const PAcc<T>& d) { return {planes(s), planes(d)}; }
+template <class T> bool planes_fit(const PAcc<const T>& s, const PAcc<T>& d, int count, int rows, int cols) {
+    return one_apart(s) && one_apart(d) && apart_or_in_place(planes(s), planes(d), count, rows, cols);
 }
 
 // Bytes of one object of `rows` rows of `cols` elements.
@@ -163,6 +165,8 @@ template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, i
 template <class O> bool rows_apart(const O& o, int rows, int cols) {
     return rows == 1 || o.s1 >= cols * ptrdiff_t(sizeof(*o.obj(0)));
 }
+// The same for a block known when compiling, as lanes::store needs.
+template <int R, int C, class O> bool rows_apart(const O& o) { return rows_apart(o, R, C); }
 
 // Whether objects [first, first + k) may run side by side when each reads
 // a rows x cols block of src and writes one of dst: dst apart from src, or
@@ -179,9 +183,6 @@ template <class S, class D> bool apart_or_in_place(const S& src, const D& dst, i
 template <class T, template <class> class Obj> bool apart(const Systems<T, Obj>& g, int n, int first, int k) {
     return !hull(g.d, first, k, 1, n).meets(hull(g.a, first, k, n, n)) && apart_or_in_place(g.b, g.d, first, k, 1, n);
 }
-
-// The same for a block known when compiling, as lanes::store needs.
-template <int R, int C, class O> bool rows_apart(const O& o) { return rows_apart(o, R, C); }
 
 // Whether objects [first, first + k) of R x C blocks share no byte, so
 // that writing them in any order leaves what writing them one after

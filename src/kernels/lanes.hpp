@@ -208,6 +208,21 @@ template <class T, int k> ORSM_INLINE void write(T* p, V<T, kP<T>> v) {
 
 }  // namespace piece
 
+// Columns of row r of an R x C block: all C, or with `lower` up to r.
+template <bool lower, int C> constexpr int row_cols(int r) { return lower && r + 1 < C ? r + 1 : C; }
+
+// f(r, c0, k) for every piece of a block, row after row: elements c0 ..
+// c0 + k - 1 of row r, all compile-time constants.
+template <class T, bool lower, int R, int C, class F> ORSM_INLINE void each_piece(F&& f) {
+    constexpr int P = piece::kP<T>;
+    static_for<R>([&](auto r) {
+        constexpr int Cr = row_cols<lower, C>(r);
+        static_for<(Cr + P - 1) / P>([&](auto p) {
+            f(r, std::integral_constant<int, p * P>{}, std::integral_constant<int, Cr - p * P < P ? Cr - p * P : P>{});
+        });
+    });
+}
+
 // An R x C block of objects first .. first + W - 1 of o into x[r][c], lane
 // l holding object first + l: the values of `load`, read by pieces. With
 // `lower`, row r only to column r (the lower triangle; x above it is left
@@ -222,24 +237,20 @@ ORSM_INLINE void load_rows(Vt (&x)[R][C], const O& o, int first) {
     static_assert(W % P == 0);
     const T* obj[W];
     static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
-    static_for<R>([&](auto r) {
-        constexpr int Cr = lower && r + 1 < C ? r + 1 : C;
-        static_for<(Cr + P - 1) / P>([&](auto p) {
-            constexpr int c0 = p * P, k = Cr - c0 < P ? Cr - c0 : P;
-            // Elements c0 .. c0 + k - 1 at places back .. back + k - 1.
-            constexpr int back = whole && r + 1 == R ? P - k : 0;
-            static_assert(!whole || (!lower && R >= 2 && P - k <= C));
-            Vt y[P];
-            static_for<P>([&](auto q) {
-                y[q] = piece::gather<T, W, W / P>([&](int g) {
-                    const T* at = byte_off(obj[q + P * g], r * o.s1) + (c0 - back);
-                    if constexpr (whole) return piece::read<T, P>(at);
-                    else return piece::read<T, k>(at);
-                });
+    each_piece<T, lower, R, C>([&](auto r, auto c0, auto k) {
+        // Elements c0 .. c0 + k - 1 at places back .. back + k - 1.
+        constexpr int back = whole && r + 1 == R ? P - k : 0;
+        static_assert(!whole || (!lower && R >= 2 && P - k <= C));
+        Vt y[P];
+        static_for<P>([&](auto q) {
+            y[q] = piece::gather<T, W, W / P>([&](int g) {
+                const T* at = byte_off(obj[q + P * g], r * o.s1) + (c0 - back);
+                if constexpr (whole) return piece::read<T, P>(at);
+                else return piece::read<T, k>(at);
             });
-            piece::turn(y);
-            static_for<k>([&](auto j) { x[r][c0 + j] = y[j + back]; });
         });
+        piece::turn(y);
+        static_for<k>([&](auto j) { x[r][c0 + j] = y[j + back]; });
     });
 }
 
@@ -254,17 +265,13 @@ ORSM_INLINE void store_rows(const O& o, int first, const Vt (&x)[R][C]) {
     static_assert(W % P == 0);
     T* obj[W];
     static_for<W>([&](auto l) { obj[l] = o.obj(first + l); });
-    static_for<R>([&](auto r) {
-        constexpr int Cr = lower && r + 1 < C ? r + 1 : C;
-        static_for<(Cr + P - 1) / P>([&](auto p) {
-            constexpr int c0 = p * P, k = Cr - c0 < P ? Cr - c0 : P;
-            Vt y[P];
-            static_for<P>([&](auto j) { y[j] = j < k ? x[r][c0 + (j < k ? j : 0)] : Vt{}; });
-            piece::turn(y);
-            static_for<P>([&](auto q) {
-                static_for<W / P>([&](auto g) {
-                    piece::write<T, k>(byte_off(obj[q + P * g], r * o.s1) + c0, piece::part<g, T, W>(y[q]));
-                });
+    each_piece<T, lower, R, C>([&](auto r, auto c0, auto k) {
+        Vt y[P];
+        static_for<P>([&](auto j) { y[j] = j < k ? x[r][c0 + (j < k ? j : 0)] : Vt{}; });
+        piece::turn(y);
+        static_for<P>([&](auto q) {
+            static_for<W / P>([&](auto g) {
+                piece::write<T, k>(byte_off(obj[q + P * g], r * o.s1) + c0, piece::part<g, T, W>(y[q]));
             });
         });
     });
@@ -283,7 +290,7 @@ ORSM_INLINE void store(const O& o, int first, const Vt (&x)[R][C]) {
         T* obj = o.obj(first + l);
         for (int r = 0; r < R; ++r) {
             T* row = byte_off(obj, r * o.s1);
-            for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) row[c] = x[r][c][l];
+            for (int c = 0; c < row_cols<lower, C>(r); ++c) row[c] = x[r][c][l];
         }
     }
 }
@@ -292,7 +299,7 @@ ORSM_INLINE void store(const O& o, int first, const Vt (&x)[R][C]) {
 template <int W, bool lower = false, class Vt, int R, int C, class T>
 ORSM_INLINE void load(Vt (&x)[R][C], const groups::Soa<T>& o, int first) {
     for (int r = 0; r < R; ++r)
-        for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) x[r][c] = vx::load<Vt>(o.plane(r, c) + first);
+        for (int c = 0; c < row_cols<lower, C>(r); ++c) x[r][c] = vx::load<Vt>(o.plane(r, c) + first);
 }
 
 // x[r][c] into structure-of-arrays objects: one store a plane (the planes
@@ -300,7 +307,7 @@ ORSM_INLINE void load(Vt (&x)[R][C], const groups::Soa<T>& o, int first) {
 template <int W, bool lower = false, class Vt, int R, int C, class T>
 ORSM_INLINE void store(const groups::Soa<T>& o, int first, const Vt (&x)[R][C]) {
     for (int r = 0; r < R; ++r)
-        for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) vx::store(o.plane(r, c) + first, x[r][c]);
+        for (int c = 0; c < row_cols<lower, C>(r); ++c) vx::store(o.plane(r, c) + first, x[r][c]);
 }
 
 // An R x C block of each object into x[r][c] (with `lower`, its lower
@@ -317,7 +324,7 @@ ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
         load_rows<W, lower>(x, o, first);
     } else {
         for (int r = 0; r < R; ++r)
-            for (int c = 0; c < (lower && r + 1 < C ? r + 1 : C); ++c) x[r][c] = load<W>(o, first, r, c);
+            for (int c = 0; c < row_cols<lower, C>(r); ++c) x[r][c] = load<W>(o, first, r, c);
     }
 }
 

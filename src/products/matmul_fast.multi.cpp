@@ -176,7 +176,7 @@ template <> struct Rows8<double> {
     using V = __m512d;
     static ORSM_INLINE V load(const double* p) { return _mm512_loadu_pd(p); }
     static ORSM_INLINE V load(__mmask8 m, const double* p) { return _mm512_maskz_loadu_pd(m, p); }
-    static ORSM_INLINE void store(__mmask8 m, double* p, V v) { _mm512_mask_storeu_pd(p, m, v); }
+    template <int n> static ORSM_INLINE void store(double* p, V v) { _mm512_mask_storeu_pd(p, (1u << n) - 1, v); }
     static ORSM_INLINE V mul(double a, V b) { return _mm512_mul_pd(_mm512_set1_pd(a), b); }
     static ORSM_INLINE V add(V a, V b) { return _mm512_add_pd(a, b); }
 };
@@ -184,14 +184,14 @@ template <> struct Rows8<float> {
     using V = __m256;
     static ORSM_INLINE V load(const float* p) { return _mm256_loadu_ps(p); }
     static ORSM_INLINE V load(__mmask8 m, const float* p) { return _mm256_maskz_loadu_ps(m, p); }
-    static ORSM_INLINE void store(__mmask8 m, float* p, V v) {
-        // Four elements and the rest by plain stores: masked stores
-        // measured slower here.
+    // Four elements and the rest by plain stores: masked stores measured
+    // slower here.
+    template <int n> static ORSM_INLINE void store(float* p, V v) {
+        static_assert(n == 5 || n == 6);
         _mm_storeu_ps(p, _mm256_castps256_ps128(v));
         const __m128 hi = _mm256_extractf128_ps(v, 1);
-        if (m == 0x1F) _mm_store_ss(p + 4, hi);
-        else if (m == 0x3F) _mm_storel_pi(reinterpret_cast<__m64*>(p + 4), hi);
-        else _mm256_mask_storeu_ps(p, m, v);
+        if constexpr (n == 5) _mm_store_ss(p + 4, hi);
+        else _mm_storel_pi(reinterpret_cast<__m64*>(p + 4), hi);
     }
     static ORSM_INLINE V mul(float a, V b) { return _mm256_mul_ps(_mm256_set1_ps(a), b); }
     static ORSM_INLINE V add(V a, V b) { return _mm256_add_ps(a, b); }
@@ -209,7 +209,6 @@ template <int n, bool whole, Fixed F, class A, class B, class D>
 ORSM_INLINE void rows8(const A a, const B b, const D d, int count) {
     using T = Plain<typename D::value_type>;
     using R = Rows8<T>;
-    constexpr __mmask8 m = (1u << n) - 1;
     typename R::V bk[n];
     if constexpr (F == Fixed::src2) rows_of<n, false, T>(bk, b, 0);
     for (int o = 0; o < count; ++o) {
@@ -217,7 +216,7 @@ ORSM_INLINE void rows8(const A a, const B b, const D d, int count) {
         ORSM_UNROLL for (int i = 0; i < n; ++i) {
             typename R::V acc = R::mul(a(o, i, 0), bk[0]);
             ORSM_UNROLL for (int k = 1; k < n; ++k) acc = R::add(acc, R::mul(a(o, i, k), bk[k]));
-            R::store(m, &d(o, i, 0), acc);
+            R::template store<n>(&d(o, i, 0), acc);
         }
     }
 }

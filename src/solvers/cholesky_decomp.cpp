@@ -146,11 +146,10 @@ template <Form form, Kind K, int N, class Src, class Dst> int fast_groups(const 
     } else if constexpr (form == Form::ma && K == Kind::P) {
         // Structure-of-arrays planes: objects one element apart in src and
         // dst, the planes tested once for the call.
-        if (!groups::one_apart(s) || !groups::one_apart(d)) return 0;
+        if (!groups::planes_fit(s, d, count, N, N)) return 0;
         const FastKernels<T>& k = fast_kernels<T>();
-        const Group<T, groups::Soa> g{groups::planes(s), groups::planes(d)};
-        if (const auto fn = k.p[N - 3]; fn && groups::apart_or_in_place(g.src, g.dst, count, N, N))
-            while (n + k.lanes <= count && fn(g, n)) n += k.lanes;
+        const auto g = groups::planes(s, d);
+        while (n + k.lanes <= count && k.p[N - 3](g, n)) n += k.lanes;
     }
     return n;
 }

@@ -291,10 +291,9 @@ OrsStatus invert_objects(const Src& s, const Dst& d, int count, One&& one, Done&
         // Structure-of-arrays planes: objects one element apart in src and
         // dst, the planes tested once for the call.
         const FastKernels<T>& k = fast_kernels<T>();
-        const groups::SrcDst<T, groups::Soa> g{groups::planes(s), groups::planes(d)};
+        const auto g = groups::planes(s, d);
         const auto fn = k.p[N - 3];
-        const bool planes = groups::one_apart(s) && groups::one_apart(d) && fn &&
-                            groups::apart_or_in_place(g.src, g.dst, count, N, N);
+        const bool planes = groups::planes_fit(s, d, count, N, N);
         auto group = [&](int n) {
             const bool ok = fn(g, n);
             if (ok) done();

@@ -134,9 +134,7 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, int* index, int count, One&
         const LuKernels<T>& k = lu_kernels<T>();
         const DecompGroup<T, groups::Soa> g{groups::planes(s), groups::planes(d), index};
         const ptrdiff_t tables = ptrdiff_t(count) * N;
-        const bool planes = groups::one_apart(s) && groups::one_apart(d) &&
-                            groups::apart_or_in_place(g.src, g.dst, count, N, N) &&
-                            groups::apart(g.src, N, N, count, index, tables) &&
+        const bool planes = groups::planes_fit(s, d, count, N, N) && groups::apart(g.src, N, N, count, index, tables) &&
                             groups::apart(g.dst, N, N, count, index, tables);
         return groups::in_groups(count, planes ? k.decomp_lanes : 1, [&](int n) { return k.decomp_p[N - 3](g, n); }, one);
     } else {

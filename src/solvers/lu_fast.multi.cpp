@@ -75,23 +75,17 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const D
             }
         }
         store<W>(g.dst, first, out);
-        for (int l = 0; l < W; ++l)
-            for (int i = 0; i < N; ++i) g.index[ptrdiff_t(first + l) * N + i] = int(q[i][l]);
-        return true;
     } else {
-        for (int l = 0; l < W; ++l) {
-            const int n = first + l;
-            T* obj = g.dst.obj(n);
-            int* idx = g.index + ptrdiff_t(n) * N;
+        for (int l = 0; l < W; ++l)
             for (int i = 0; i < N; ++i) {
-                const int row = int(q[i][l]);
-                idx[i] = row;
-                T* d = byte_off(obj, row * g.dst.s1);
+                T* d = byte_off(g.dst.obj(first + l), int(q[i][l]) * g.dst.s1);
                 for (int c = 0; c < N; ++c) d[c] = w[i][c][l];
             }
-        }
-        return true;
     }
+    // The tables stand apart from the matrices (the frames test it).
+    for (int l = 0; l < W; ++l)
+        for (int i = 0; i < N; ++i) g.index[ptrdiff_t(first + l) * N + i] = int(q[i][l]);
+    return true;
 }
 
 // ---- LUBackSubst -------------------------------------------------------------------

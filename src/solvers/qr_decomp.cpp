@@ -92,12 +92,10 @@ OrsStatus decomp_objects(const Src& s, const Dst& d, T* buf, int w, int h, int c
     } else if constexpr (K == Kind::P) {
         // Structure-of-arrays planes: objects one element apart in src and
         // dst, the planes tested once for the call.
-        if (w == h && w >= 3 && w <= 6 && groups::one_apart(s) && groups::one_apart(d)) {
+        if (w == h && w >= 3 && w <= 6 && groups::planes_fit(s, d, count, w, w)) {
             const qr::FastKernels<T>& k = qr::fast_kernels<T>();
-            const groups::SrcDst<T, groups::Soa> g{groups::planes(s), groups::planes(d)};
-            const auto fn = k.p[w - 3];
-            const int W = groups::apart_or_in_place(g.src, g.dst, count, w, w) ? k.lanes : 1;
-            return groups::in_groups(count, W, [&](int n) { return fn(g, buf, n); }, one);
+            const auto g = groups::planes(s, d);
+            return groups::in_groups(count, k.lanes, [&](int n) { return k.p[w - 3](g, buf, n); }, one);
         }
     }
     return groups::in_groups(count, 1, [](int) { return false; }, one);
