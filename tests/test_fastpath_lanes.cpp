@@ -233,6 +233,97 @@ TYPED_TEST(Lanes, FactorsOverPlanesAsOneByOne) {
                         expect_planes_as_one_by_one<TypeParam>(stem, N, count, w, fails_at);
 }
 
+// The solves over planes, a factor each (mava) or one for all (mva):
+// factors from the factorisations over planes, the solutions' planes apart,
+// on the right-hand sides', between them, meeting them, or meeting the
+// factors'.
+enum class SolveDst { apart, in_place, between, meeting, meeting_factors };
+template <class T> struct PlaneSolveOps {
+    int N, count;
+    std::vector<T> mem;  // factor plane e at e (count + 3), b plane i at (N N + 2 i)(count + 3)
+    std::vector<int> index;
+    std::vector<T> buf = std::vector<T>(2 * N);
+    bool same(const PlaneSolveOps& o) const { return bits_equal(mem, o.mem) && index == o.index; }
+    T* plane(int e) { return mem.data() + std::ptrdiff_t(e) * (count + 3); }
+    std::vector<T*> factors() {
+        std::vector<T*> t;
+        for (int e = 0; e < N * N; ++e) t.push_back(plane(e));
+        return t;
+    }
+    std::vector<T*> vectors(bool of_dst, SolveDst where) {
+        std::vector<T*> t;
+        for (int i = 0; i < N; ++i) {
+            T* b = plane(N * N + 2 * i);
+            if (!of_dst || where == SolveDst::in_place) t.push_back(b);
+            else if (where == SolveDst::apart) t.push_back(plane(N * N + 2 * N + i));
+            else if (where == SolveDst::between) t.push_back(b + count + 3);
+            else if (where == SolveDst::meeting) t.push_back(b + 1);
+            else t.push_back(plane(2 * i) + 1);
+        }
+        return t;
+    }
+};
+template <class T>
+void expect_plane_solves_as_one_by_one(const char* decomp, const char* solve, int N, int count, SolveDst where) {
+    orscoreSetNumThreads(1);
+    const int e = sizeof(T);
+    const bool many = std::string(solve).find("mava") != std::string::npos;
+    PlaneSolveOps<T> all{N, count, std::vector<T>((N * N + 3 * N) * (count + 3)), std::vector<int>(N * count)};
+    std::mt19937 g(N + count);
+    std::uniform_real_distribution<T> u(-1, 1);
+    // Symmetric with a heavy diagonal; for LU every other object's on the
+    // anti-diagonal, so that rows change places.
+    const bool lu = std::string(decomp) == "LUDecomp_ma";
+    for (int n = 0; n < count; ++n)
+        for (int r = 0; r < N; ++r)
+            for (int c = 0; c <= r; ++c) {
+                const bool heavy = lu && n % 2 ? c == N - 1 - r : r == c;
+                const T v = heavy ? T(N + 2) + u(g) : u(g);
+                all.plane(r * N + c)[n] = v, all.plane(c * N + r)[n] = v;
+            }
+    for (int i = 0; i < N; ++i)
+        for (int n = 0; n < count + 3; ++n) all.plane(N * N + 2 * i)[n] = u(g);
+    const std::vector<T*> a = all.factors();
+    Call<T> f(decomp, Layout::P);
+    f.ptr("src") = const_cast<T**>(a.data()), f.arg("srcRoiShift") = 0, f.arg("srcStride0") = e;
+    f.ptr("dst") = const_cast<T**>(a.data()), f.arg("dstRoiShift") = 0, f.arg("dstStride0") = e;
+    set_square(f, N, all.buf.data(), all.index.data());
+    f.arg("count") = count;
+    ASSERT_EQ(f.run(), StatusOk) << decomp;
+    PlaneSolveOps<T> one = all;
+    auto run = [&](PlaneSolveOps<T>& o, int n, int k) {
+        const std::vector<T*> fa = o.factors(), b = o.vectors(false, where), d = o.vectors(true, where);
+        Call<T> c(solve, Layout::P);
+        c.ptr("src1") = const_cast<T**>(fa.data()), c.arg("src1RoiShift") = many ? n * e : 0;
+        if (many) c.arg("src1Stride0") = e;
+        c.ptr("src2") = const_cast<T**>(b.data()), c.arg("src2RoiShift") = n * e, c.arg("src2Stride0") = e;
+        c.ptr("dst") = const_cast<T**>(d.data()), c.arg("dstRoiShift") = n * e, c.arg("dstStride0") = e;
+        set_square(c, N, o.buf.data(), o.index.data() + (many ? n * N : 0));
+        c.arg("count") = k;
+        return c.run();
+    };
+    const OrsStatus st = run(all, 0, count);
+    OrsStatus st1 = StatusOk;
+    for (int n = 0; n < count && st1 == StatusOk; ++n) st1 = run(one, n, 1);
+    const std::string at = std::string(solve) + " order " + std::to_string(N) + " count " + std::to_string(count) +
+                           " dst " + std::to_string(int(where));
+    EXPECT_EQ(st, StatusOk) << at;
+    EXPECT_EQ(st1, StatusOk) << at;
+    EXPECT_TRUE(all.same(one)) << at;
+}
+TYPED_TEST(Lanes, SolvesOverPlanesAsOneByOne) {
+    const std::pair<const char*, const char*> fams[] = {
+        {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
+        {"QRDecomp_ma", "QRBackSubst_mava"}, {"LUDecomp_ma", "LUBackSubst_mva"},
+        {"CholeskyDecomp_ma", "CholeskyBackSubst_mva"}, {"QRDecomp_ma", "QRBackSubst_mva"}};
+    for (auto [decomp, solve] : fams)
+        for (int N = 3; N <= 6; ++N)
+            for (int count : {3, 37})
+                for (SolveDst w : {SolveDst::apart, SolveDst::in_place, SolveDst::between, SolveDst::meeting,
+                                   SolveDst::meeting_factors})
+                    expect_plane_solves_as_one_by_one<TypeParam>(decomp, solve, N, count, w);
+}
+
 // The matrix-to-matrix solvers: src apart, every arrangement of dst, and
 // dst on src (in place).
 template <class T> struct MatOps {

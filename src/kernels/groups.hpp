@@ -32,10 +32,14 @@ template <class T> struct Listed {
 // The objects of an operand in layout P whose objects stand one element
 // apart (structure of arrays): element (r, c) of object n is element n of
 // the plane table[r * cols + c] + shift.
+// With `shared`, every object is the one object at the planes' first
+// elements (the one factor of an mva call): lanes::load_shared reads it once
+// into every lane.
 template <class T> struct Soa {
     T* const* table;
     ptrdiff_t shift;
     int cols;
+    bool shared = false;
     ORSM_INLINE T* plane(int e) const { return byte_off(table[e], shift); }  // e = r * cols + c
     ORSM_INLINE T* plane(int r, int c) const { return plane(r * cols + c); }
 };
@@ -111,10 +115,36 @@ template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d
 // A P operand's objects as planes, when they stand one element apart; and
 // a src and dst pair of them that a call may run W objects at a time.
 template <class T> bool one_apart(const PAcc<T>& a) { return a.s0 == ptrdiff_t(sizeof(T)); }
-template <class T> Soa<T> planes(const PAcc<T>& a) { return {a.table, a.shift, a.cols}; }
+template <class T> Soa<T> planes(const PAcc<T>& a) { return {a.table, a.shift, a.cols, a.s0 == 0}; }
 template <class T> SrcDst<T, Soa> planes(const PAcc<const T>& s, const PAcc<T>& d) { return {planes(s), planes(d)}; }
 template <class T> bool planes_fit(const PAcc<const T>& s, const PAcc<T>& d, int count, int rows, int cols) {
     return one_apart(s) && one_apart(d) && apart_or_in_place(planes(s), planes(d), count, rows, cols);
+}
+
+// Whether a call may solve systems [0, count) of order n over
+// structure-of-arrays planes side by side: factors (shared, or one element
+// apart) and vectors as planes; the solutions' planes apart from one
+// another, from the factors' and from `extra` elements at p, and apart from
+// the vectors' or on them plane for plane.
+template <class T> bool planes_fit(const PAcc<const T>& a, const PAcc<const T>& b, const PAcc<T>& d, int n, int count,
+                                   const int* p = nullptr, ptrdiff_t extra = 0) {
+    if (!(a.s0 == 0 || one_apart(a)) || !planes_fit(b, d, count, 1, n)) return false;
+    const Soa<T> s = planes(d);
+    for (int e = 0; e < n * n; ++e)
+        if (!apart(s, 1, n, count, &a(0, e / n, e % n), a.s0 == 0 ? 1 : count)) return false;
+    return !p || apart(s, 1, n, count, p, extra);
+}
+
+// Runs run(first) on systems [0, n) of a P call, W at a time while whole
+// groups remain, when planes_fit lets the call go over planes; returns n,
+// where the scalar path goes on.
+template <class A, class B, class D, class Run>
+int in_plane_groups(const A& a, const B& b, const D& d, int order, int count, int W, Run&& run,
+                    const int* p = nullptr, ptrdiff_t extra = 0) {
+    int n = 0;
+    if (W > 1 && count >= W && planes_fit(a, b, d, order, count, p, extra))
+        for (; n + W <= count; n += W) run(n);
+    return n;
 }
 
 // Bytes of one object of `rows` rows of `cols` elements.

@@ -109,6 +109,13 @@ template <int W, class O> ORSM_INLINE auto load_shared(const O& o, int first, pt
     return load<W>(o, first, r, c);
 }
 
+// The same for structure-of-arrays planes: one vector load, or one element
+// in every lane for shared planes.
+template <int W, class T> ORSM_INLINE V<Plain<T>, W> load_shared(const groups::Soa<T>& o, int first, int r, int c) {
+    if (o.shared) return splat<V<Plain<T>, W>>(Plain<T>(*o.plane(r, c)));
+    return vx::load<V<Plain<T>, W>>(o.plane(r, c) + first);
+}
+
 // ---- the same block by 16-byte pieces and turns in registers ----------------------
 //
 // A row of an object is read in pieces of P = 16 / sizeof(T) elements. The

@@ -78,10 +78,12 @@ template <class T> struct FastKernels {
     SolveFn<Strided> solve_s[4];
     SolveFn<Listed> solve_l[4];
     Fn<groups::Soa> p[4];  // P arrays of structure-of-arrays planes
+    SolveFn<groups::Soa> solve_p[4];  // lanes: `lanes`
     Fn<Strided> of(const Group<T, Strided>&, int N) const { return s[N - 3]; }
     Fn<Listed> of(const Group<T, Listed>&, int N) const { return l[N - 3]; }
     SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
     SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
+    SolveFn<groups::Soa> of(const SolveGroup<T, groups::Soa>&, int N) const { return solve_p[N - 3]; }
 };
 using FastTable = isa::ByType<FastKernels>;
 extern const FastTable fast_table_sse2, fast_table_avx2, fast_table_avx512;

@@ -78,11 +78,11 @@ template <class T, int N> constexpr auto planes_fn() {
     return &decomp<T, N, vx::kLanes<T>, k.nan_passes, k.group_step, groups::Soa, k.threshold != 0.0>;
 }
 // The solve loads one element per lane, which outweighs its arithmetic
-// beyond eight lanes.
+// beyond eight lanes; over planes it loads a vector at a time.
 template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
 template <class T> constexpr FastKernels<T> make() {
     static_assert(vx::kLanes<T> % 4 == 0 || sizeof(T) == 8, "32f groups keep the four-at-a-time kernel's places");
-    constexpr int S = kSolveLanes<T>;
+    constexpr int S = kSolveLanes<T>, P = vx::kLanes<T>;
     return {vx::kLanes<T>,
             S,
             {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>(), fn<T, 5, Kind::S, Strided>(),
@@ -91,7 +91,9 @@ template <class T> constexpr FastKernels<T> make() {
              fn<T, 6, Kind::L, Listed>()},
             {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
             {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>},
-            {planes_fn<T, 3>(), planes_fn<T, 4>(), planes_fn<T, 5>(), planes_fn<T, 6>()}};
+            {planes_fn<T, 3>(), planes_fn<T, 4>(), planes_fn<T, 5>(), planes_fn<T, 6>()},
+            {&solve<T, 3, P, groups::Soa>, &solve<T, 4, P, groups::Soa>, &solve<T, 5, P, groups::Soa>,
+             &solve<T, 6, P, groups::Soa>}};
 }
 
 }  // namespace

@@ -75,12 +75,31 @@ void solve_general(const A& a, int na, const int* q, const B& b, const D& d, int
     }
 }
 
-// Runs one(n) over systems [0, count); the contiguous S and L kernels hand
-// groups of systems to the fast paths where they can (lu_fast.hpp).
+// Systems [0, n) of a P call over structure-of-arrays planes, solved by the
+// fast paths (lu_fast.hpp), W at a time while whole groups remain, the
+// planes and tables tested once for the call: a factor each (mava) or one
+// for all; the scalar path goes on from n.
+template <bool ManyFactors, int N, class A, class B, class D>
+int plane_solves(const A& a, const int* index, const B& b, const D& d, int count) {
+    using T = Plain<typename D::value_type>;
+    const LuKernels<T>& k = lu_kernels<T>();
+    const SolveGroup<T, groups::Soa> g{groups::planes(a), index, groups::planes(b), groups::planes(d)};
+    // (A mava call's factors must stand one element apart: each has its own
+    // table, where shared planes would take the first.)
+    const int W = !ManyFactors || groups::one_apart(a) ? k.decomp_lanes : 1;
+    return groups::in_plane_groups(a, b, d, N, count, W, [&](int f) { k.of(g, N)(g, f); }, index,
+                                   ManyFactors ? ptrdiff_t(count) * N : N);
+}
+
+// Runs one(n) over systems [0, count); the contiguous S and L kernels, and P
+// arrays over structure-of-arrays planes, hand groups of systems to the
+// fast paths where they can (lu_fast.hpp).
 template <Kind K, int N, class A, class B, class D, class One>
 void solve_objects(const A& a, const int* index, const B& b, const D& d, int count, One&& one) {
     using T = Plain<typename D::value_type>;
-    if constexpr (K == Kind::S || K == Kind::L) {
+    if constexpr (K == Kind::P) {
+        for (int n = plane_solves<true, N>(a, index, b, d, count); n < count; ++n) one(n);
+    } else if constexpr (K == Kind::S || K == Kind::L) {
         const LuKernels<T>& k = lu_kernels<T>();
         using groups::objects;
         const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
@@ -114,7 +133,9 @@ OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d,
         } else {
             Factor<N, T> f;
             f.load(a, 0, index);
-            for (int n = 0; n < count; ++n) solve_fixed(f, b, d, n);
+            int n = 0;
+            if constexpr (K == Kind::P) n = plane_solves<false, N>(a, index, b, d, count);
+            for (; n < count; ++n) solve_fixed(f, b, d, n);
         }
     });
     return StatusOk;

@@ -57,11 +57,15 @@ template <class T> struct LuKernels {
     SolveFn<Strided> solve_s[4];
     SolveFn<Listed> solve_l[4];
     DecompFn<groups::Soa> decomp_p[4];  // P arrays of structure-of-arrays planes
+    // Over planes, decomp_lanes at a time; with shared planes (mva) one
+    // factor and one table serve every system.
+    SolveFn<groups::Soa> solve_p[4];
     // The kernel of a group's layout.
     DecompFn<Strided> of(const DecompGroup<T, Strided>&, int N) const { return decomp_s[N - 3]; }
     DecompFn<Listed> of(const DecompGroup<T, Listed>&, int N) const { return decomp_l[N - 3]; }
     SolveFn<Strided> of(const SolveGroup<T, Strided>&, int N) const { return solve_s[N - 3]; }
     SolveFn<Listed> of(const SolveGroup<T, Listed>&, int N) const { return solve_l[N - 3]; }
+    SolveFn<groups::Soa> of(const SolveGroup<T, groups::Soa>&, int N) const { return solve_p[N - 3]; }
 };
 using LuTable = isa::ByType<LuKernels>;
 extern const LuTable lu_table_sse2, lu_table_avx2, lu_table_avx512;

@@ -90,20 +90,53 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const D
 
 // ---- LUBackSubst -------------------------------------------------------------------
 
+// Rows M(i, .) = A(q(i), .) and b(q(i)) of a group: lane by lane from
+// its objects; over planes, from one table for all (shared planes), or each
+// lane picking physical row p where its table has p, by selects.
+template <class T, int N, int W, template <class> class Obj>
+ORSM_INLINE void permuted(const SolveGroup<T, Obj>& g, int first, V<T, W> (&m)[N][N], V<T, W> (&y)[N]) {
+    using Vt = V<T, W>;
+    using Vi = VI<T, W>;
+    if constexpr (!std::is_same_v<Obj<T>, groups::Soa<T>>) {
+        for (int l = 0; l < W; ++l) {
+            const int n = first + l;
+            const int* q = g.index + ptrdiff_t(n) * N;
+            const T* b = g.b.obj(n);
+            for (int i = 0; i < N; ++i) {
+                const T* row = byte_off(g.a.obj(n), q[i] * g.a.s1);
+                for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
+                y[i][l] = b[q[i]];
+            }
+        }
+    } else if (g.a.shared) {
+        for (int i = 0; i < N; ++i) {
+            const int q = g.index[i];
+            for (int j = 0; j < N; ++j) m[i][j] = load_shared<W>(g.a, first, q, j);
+            y[i] = load_shared<W>(g.b, first, 0, q);
+        }
+    } else {
+        Vt a[N][N], b[1][N];
+        load<W>(a, g.a, first);
+        load<W>(b, g.b, first);
+        for (int i = 0; i < N; ++i) {
+            Vi q;
+            for (int l = 0; l < W; ++l) q[l] = g.index[ptrdiff_t(first + l) * N + i];
+            for (int j = 0; j < N; ++j) m[i][j] = a[0][j];
+            y[i] = b[0][0];
+            for (int p = 1; p < N; ++p) {
+                const Vi x = q == IntOf<T>(p);
+                for (int j = 0; j < N; ++j) m[i][j] = x ? a[p][j] : m[i][j];
+                y[i] = x ? b[0][p] : y[i];
+            }
+        }
+    }
+}
+
 template <class T, int N, int W, template <class> class Obj> void solve(const SolveGroup<T, Obj>& g, int first) {
     using Vt = V<T, W>;
     Vt m[N][N], rcp[N], yb[1][N];
     Vt(&y)[N] = yb[0];
-    for (int l = 0; l < W; ++l) {
-        const int n = first + l;
-        const int* q = g.index + ptrdiff_t(n) * N;
-        const T* b = g.b.obj(n);
-        for (int i = 0; i < N; ++i) {
-            const T* row = byte_off(g.a.obj(n), q[i] * g.a.s1);
-            for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
-            y[i][l] = b[q[i]];
-        }
-    }
+    permuted<T, N, W>(g, first, m, y);
     for (int i = 0; i < N; ++i) rcp[i] = T(1) / m[i][i];
     for (int i = 1; i < N; ++i) {
         Vt t = y[i];
@@ -142,7 +175,9 @@ template <class T> constexpr LuKernels<T> make() {
             {solve_fn<T, 3, Listed>(), solve_fn<T, 4, Listed>(), solve_fn<T, 5, Listed>(),
              solve_fn<T, 6, Listed>()},
             {&decomp<T, 3, D, groups::Soa>, &decomp<T, 4, D, groups::Soa>, &decomp<T, 5, D, groups::Soa>,
-             &decomp<T, 6, D, groups::Soa>}};
+             &decomp<T, 6, D, groups::Soa>},
+            {&solve<T, 3, D, groups::Soa>, &solve<T, 4, D, groups::Soa>, &solve<T, 5, D, groups::Soa>,
+             &solve<T, 6, D, groups::Soa>}};
 }
 
 }  // namespace

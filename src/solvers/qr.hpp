@@ -100,10 +100,12 @@ template <class T> struct FastKernels {
     SolveFn<groups::Strided> solve_s[4];
     SolveFn<groups::Listed> solve_l[4];
     Fn<groups::Soa> p[4];  // P arrays of structure-of-arrays planes
+    SolveFn<groups::Soa> solve_p[4];  // lanes: `lanes`
     Fn<groups::Strided> of(const groups::SrcDst<T, groups::Strided>&, int N) const { return s[N - 3]; }
     Fn<groups::Listed> of(const groups::SrcDst<T, groups::Listed>&, int N) const { return l[N - 3]; }
     SolveFn<groups::Strided> of(const groups::Systems<T, groups::Strided>&, int N) const { return solve_s[N - 3]; }
     SolveFn<groups::Listed> of(const groups::Systems<T, groups::Listed>&, int N) const { return solve_l[N - 3]; }
+    SolveFn<groups::Soa> of(const groups::Systems<T, groups::Soa>&, int N) const { return solve_p[N - 3]; }
 };
 using FastTable = isa::ByType<FastKernels>;
 extern const FastTable fast_table_sse2, fast_table_avx2, fast_table_avx512;

@@ -71,7 +71,7 @@ template <class T, int N, int W, template <class> class Obj> void solve(const gr
 }
 
 // The solve loads one element per lane, which outweighs its arithmetic
-// beyond eight lanes.
+// beyond eight lanes; over planes it loads a vector at a time.
 template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
 template <class T> constexpr FastKernels<T> make() {
     constexpr int W = vx::kLanes<T>, S = kSolveLanes<T>;
@@ -82,7 +82,9 @@ template <class T> constexpr FastKernels<T> make() {
             {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
             {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>},
             {&decomp<T, 3, W, groups::Soa>, &decomp<T, 4, W, groups::Soa>, &decomp<T, 5, W, groups::Soa>,
-             &decomp<T, 6, W, groups::Soa>}};
+             &decomp<T, 6, W, groups::Soa>},
+            {&solve<T, 3, W, groups::Soa>, &solve<T, 4, W, groups::Soa>, &solve<T, 5, W, groups::Soa>,
+             &solve<T, 6, W, groups::Soa>}};
 }
 
 }  // namespace
