@@ -397,6 +397,13 @@ template <class T> struct Lib;
         static auto lu_solve() { return &orsmLUBackSubst_mava_##t; }                              \
         static auto det() { return &orsmDet_ma_##t; }                                             \
         static auto det_p() { return &orsmDet_ma_##t##_P; }                                       \
+        static auto invert_p() { return &orsmInvert_ma_##t##_P; }                                 \
+        static auto lu_p() { return &orsmLUDecomp_ma_##t##_P; }                                   \
+        static auto lu_solve_p() { return &orsmLUBackSubst_mava_##t##_P; }                        \
+        static auto chol_p() { return &orsmCholeskyDecomp_ma_##t##_P; }                           \
+        static auto chol_solve_p() { return &orsmCholeskyBackSubst_mava_##t##_P; }                \
+        static auto qr_p() { return &orsmQRDecomp_ma_##t##_P; }                                   \
+        static auto qr_solve_p() { return &orsmQRBackSubst_mava_##t##_P; }                        \
         static auto invert() { return &orsmInvert_ma_##t; }                                       \
         static auto chol() { return &orsmCholeskyDecomp_ma_##t; }                                 \
         static auto chol_solve() { return &orsmCholeskyBackSubst_mava_##t; }                      \
@@ -780,6 +787,75 @@ template <class T> std::function<void()> orsm_solver(Op op, int n, long count) {
     return {};
 }
 
+// The same systems as structure-of-arrays planes (layout P, objects one
+// element apart), laid out before the case, one thread. Solutions and
+// inverses stay in planes (the tests hold them to the rows' bits);
+// determinants go to c and are checked.
+template <class T> struct Planes {
+    std::vector<T> a, b, f, x, scratch;
+    std::vector<int> idx;
+    std::vector<const T*> ta, tb, tf;
+    std::vector<T*> tfw, tx;
+    Planes(int n, long count)
+        : a(size_t(n) * n * count), b(size_t(n) * count), f(a.size()), x(a.size()), scratch(size_t(n) * n + 2 * n),
+          idx(size_t(n) * count) {
+        const T* sa = buf.a<T>();
+        const T* sb = buf.b<T>();
+        for (int e = 0; e < n * n; ++e) {
+            for (long o = 0; o < count; ++o) a[e * count + o] = sa[o * n * n + e];
+            ta.push_back(a.data() + e * count), tf.push_back(f.data() + e * count);
+            tfw.push_back(f.data() + e * count), tx.push_back(x.data() + e * count);
+        }
+        for (int i = 0; i < n; ++i) {
+            for (long o = 0; o < count; ++o) b[i * count + o] = sb[o * n + i];
+            tb.push_back(b.data() + i * count);
+        }
+    }
+};
+template <class T> std::function<void()> orsm_planes_solver(Op op, int n, long count) {
+    auto p = std::make_shared<Planes<T>>(n, count);
+    const int es = sizeof(T), ic = int(count);
+    T* c = buf.c<T>();
+    auto one = [](auto call) {
+        return [=] {
+            orscoreSetNumThreads(1);
+            call();
+        };
+    };
+    switch (op) {
+        case Op::lu_solve:
+            return one([=] {
+                need_ok(Lib<T>::lu_p()(p->ta.data(), 0, es, p->idx.data(), p->tfw.data(), 0, es, n, ic),
+                        "orsmLUDecomp_ma_P");
+                need_ok(Lib<T>::lu_solve_p()(p->tf.data(), 0, es, p->idx.data(), p->tb.data(), 0, es, p->tx.data(),
+                                             0, es, n, ic),
+                        "orsmLUBackSubst_mava_P");
+            });
+        case Op::chol_solve:
+            return one([=] {
+                need_ok(Lib<T>::chol_p()(p->ta.data(), 0, es, p->tfw.data(), 0, es, n, ic), "orsmCholeskyDecomp_ma_P");
+                need_ok(Lib<T>::chol_solve_p()(p->tf.data(), 0, es, p->tb.data(), 0, es, p->tx.data(), 0, es, n, ic),
+                        "orsmCholeskyBackSubst_mava_P");
+            });
+        case Op::qr_solve:
+            return one([=] {
+                need_ok(Lib<T>::qr_p()(p->ta.data(), 0, es, p->scratch.data(), p->tfw.data(), 0, es, n, n, ic),
+                        "orsmQRDecomp_ma_P");
+                need_ok(Lib<T>::qr_solve_p()(p->tf.data(), 0, es, p->scratch.data(), p->tb.data(), 0, es,
+                                             p->tx.data(), 0, es, n, n, ic),
+                        "orsmQRBackSubst_mava_P");
+            });
+        case Op::inverse:
+            return one([=] {
+                need_ok(Lib<T>::invert_p()(p->ta.data(), 0, es, p->scratch.data(), p->tx.data(), 0, es, n, ic),
+                        "orsmInvert_ma_P");
+            });
+        case Op::det:
+            return one([=] { need_ok(Lib<T>::det_p()(p->ta.data(), 0, es, n, p->scratch.data(), c, ic), "orsmDet_ma_P"); });
+        default: return {};
+    }
+}
+
 template <class T> void solver_case(Op op, int n, long count) {
     fill_systems<T>(n, count);
     // Results agree to a few units of rounding of their size: the
@@ -798,22 +874,9 @@ template <class T> void solver_case(Op op, int n, long count) {
     T* c = buf.c<T>();
     add_row(cs, "eigen", solvers::eigen_available(), [=] { solvers::eigen(op, n, a, b, c, count); });
     add_row(cs, "lapack per matrix", solvers::lapack_available(), [=] { solvers::lapack(op, n, a, b, c, count); });
-    if (op == Op::det) {
-        // The same matrices as structure-of-arrays planes (layout P, objects
-        // one element apart), laid out before the case.
-        auto planes = std::make_shared<std::vector<T>>(size_t(n) * n * count);
-        auto table = std::make_shared<std::vector<const T*>>();
-        for (int e = 0; e < n * n; ++e) {
-            for (long o = 0; o < count; ++o) (*planes)[e * count + o] = a[o * n * n + e];
-            table->push_back(planes->data() + e * count);
-        }
-        auto scratch = std::make_shared<std::vector<T>>(size_t(n) * n + n);
-        auto d = Lib<T>::det_p();
-        add_row(cs, "orsm P soa", have(d), [=] {
-            (void)planes;  // held by the row: the table points into it
-            orscoreSetNumThreads(1);
-            need_ok(d(table->data(), 0, sizeof(T), n, scratch->data(), c, int(count)), "orsmDet_ma_P");
-        });
+    if (const std::function<void()> planes = orsm_planes_solver<T>(op, n, count)) {
+        add_row(cs, "orsm P soa", true, planes);
+        if (op != Op::det) cs.rows.back().other = "planes";
     }
     run_case(cs);
 }
