@@ -5,37 +5,14 @@
 // NaN quirks on worked examples; the packed forward rows of the 32f
 // single-vector kernel at every dst alignment; check orders; the
 // serial/parallel boundary; factor and solve together.
-#include <cmath>
-#include <limits>
-
-#include "calls.hpp"
 #include "common/estimates.hpp"
+#include "solvers.hpp"
 
 using namespace orsmtest;
 
 namespace {
 
-template <class T> using Mat = std::vector<T>;  // row-major
-using Fn = std::pair<std::string, Layout>;
-
-struct Mode {
-    bool strided = false, soa = false;
-};
-std::vector<Mode> modes(Layout l) { return {Mode{}, Mode{l != Layout::P, l == Layout::P}}; }
-bool arr(const Fn& f) { return f.first.back() == 'a'; }
 bool fixed(int N) { return N >= 3 && N <= 6; }
-
-template <class T> testing::AssertionResult same(const Mat<T>& got, const Mat<T>& want, int o) {
-    for (std::size_t i = 0; i < got.size(); ++i)
-        if (bits(got[i]) != bits(want[i]) && !(std::isnan(got[i]) && std::isnan(want[i])))
-            return testing::AssertionFailure() << "object " << o << " [" << i << "] " << got[i] << " want " << want[i];
-    return testing::AssertionSuccess();
-}
-template <class T> Mat<T> elements(const Operand<T>& o, int n, int rows, int N) {
-    Mat<T> m(rows * N);
-    for (int i = 0; i < rows * N; ++i) m[i] = o.at(n, i / N, i % N);
-    return m;
-}
 
 // ---- the factorisation's rules --------------------------------------------------------
 
@@ -51,11 +28,11 @@ struct Rule {
 // pivots up to 2^-23; the 64f strided array kernel rejects pivots up to
 // 2^-52 at order 6 and in its general loop.
 template <class T> Rule rule_of(const Fn& f, Mode m, int N) {
-    if (arr(f) && sizeof(T) == 4 && f.second == Layout::S && !m.strided && fixed(N))
+    if (is_array(f) && sizeof(T) == 4 && f.second == Layout::S && !m.strided && fixed(N))
         return {0, true, true, Stores::Groups};
     const bool P = f.second == Layout::P;
     double thr = P && N == 3 ? 0x1p-23 : 0;
-    if (arr(f) && sizeof(T) == 8 && f.second == Layout::S && m.strided && (N == 6 || !fixed(N))) thr = 0x1p-52;
+    if (is_array(f) && sizeof(T) == 8 && f.second == Layout::S && m.strided && (N == 6 || !fixed(N))) thr = 0x1p-52;
     return {thr, false, false, P && fixed(N) ? Stores::RowsAfterPivot : Stores::AsComputed};
 }
 int stored_after(Stores s, int N, int r, int c) {
@@ -93,22 +70,15 @@ template <class T> int factor(const Mat<T>& a, Mat<T>& f, int N, const Rule& rul
     return failed;
 }
 
-template <class T> struct Decomp {
-    Fn fn;
-    int N, count;
-    Mode mode;
+// Random positive definite objects, NaN above the diagonal (never read);
+// object `bad` gets -1 at pivot `pivot`, which fails there.
+template <class T> struct Decomp : FactorCall<T> {
+    using FactorCall<T>::N, FactorCall<T>::count, FactorCall<T>::a, FactorCall<T>::d;
     Rule rule;
-    Call<T> c;
-    Operand<T>*src, *dst;
-    std::vector<Mat<T>> a, d;  // sources, and dst as it stood
-    std::string where;
-    // Random positive definite objects, NaN above the diagonal (never
-    // read); object `bad` gets -1 at pivot `pivot`, which fails there.
     Decomp(const Fn& f, int n, int cnt, Mode m, unsigned seed, int bad = -1, int pivot = 0, bool in_place = false)
-        : fn(f), N(n), count(arr(f) ? cnt : 1), mode(m), rule(rule_of<T>(f, m, n)), c(f.first, f.second),
-          where(c.name() + " size=" + std::to_string(n) + " count=" + std::to_string(count) +
-                (m.strided ? " strided" : m.soa ? " soa" : "")) {
+        : FactorCall<T>(f, n, cnt, m), rule(rule_of<T>(f, m, n)) {
         Values<T> v(seed, 0);
+        std::vector<Mat<T>> objs;
         for (int o = 0; o < count; ++o) {
             Mat<double> b(N * N);
             for (auto& x : b) x = double(v()) / 2;
@@ -120,53 +90,28 @@ template <class T> struct Decomp {
                     s[i * N + j] = T(x);
                 }
             if (o == bad) s[pivot * N + pivot] = -1;
-            a.push_back(s);
+            objs.push_back(s);
         }
-        const Shape sh{N, N, count, arr(f), !m.strided, m.soa};
-        src = &c.bind("src", arr(f), sh, seed);
-        src->fill([&](int o, int r, int k) { return a[o][r * N + k]; });
-        dst = in_place ? &c.attach("dst", *src) : &c.bind("dst", arr(f), sh, seed + 1);
-        if (!in_place) dst->fill([&](int, int, int) { return v(); });
-        for (int o = 0; o < count; ++o) d.push_back(elements(*dst, o, N, N));
-        c.arg("size") = N;
-        if (c.takes("count")) c.arg("count") = count;
-        c.snapshot();
+        this->bind(seed, in_place, v, [&](int o, int r, int k) { return objs[o][r * N + k]; });
+        this->ready();
     }
-    // The model over shares (first object, objects): each stops at its
-    // first failure; the four-at-a-time kernel stops a whole group there.
-    OrsStatus model(std::initializer_list<std::pair<int, int>> shares) {
-        OrsStatus out = StatusOk;
-        const int G = rule.stores == Stores::Groups ? 4 : 1;
-        for (auto [first, k] : shares)
-            for (int o = first; o < first + k;) {
-                const int g = first + k - o >= G ? G : 1;
-                std::vector<Mat<T>> f(g);
-                int failed = N;
-                for (int l = 0; l < g; ++l) failed = std::min(failed, factor(a[o + l], f[l], N, rule));
-                for (int l = 0; l < g; ++l)
-                    for (int r = 0; r < N; ++r)
-                        for (int q = 0; q <= r; ++q)
-                            if (stored_after(rule.stores, N, r, q) < failed) d[o + l][r * N + q] = f[l][r * N + q];
-                o += g;
-                if (failed < N) {
-                    if (out == StatusOk) out = StatusNotPositiveDefinite;
-                    break;
-                }
-            }
-        return out;
-    }
-    testing::AssertionResult check() const {
-        for (int o = 0; o < count; ++o)
-            if (auto r = same(elements(*dst, o, N, N), d[o], o); !r) return r;
-        if (!dst->only_elements_changed()) return testing::AssertionFailure() << "guards";
-        if (src != dst && !src->unchanged()) return testing::AssertionFailure() << "src changed";
-        return testing::AssertionSuccess();
+    // The model over shares: each stops at its first failure; the
+    // four-at-a-time kernel stops a whole group there.
+    OrsStatus model(const Shares& shares) {
+        return over_shares(shares, [&](int o, int g, int) {
+            std::vector<Mat<T>> f(g);
+            int failed = N;
+            for (int l = 0; l < g; ++l) failed = std::min(failed, factor(a[o + l], f[l], N, rule));
+            for (int l = 0; l < g; ++l)
+                for (int r = 0; r < N; ++r)
+                    for (int q = 0; q <= r; ++q)
+                        if (stored_after(rule.stores, N, r, q) < failed) d[o + l][r * N + q] = f[l][r * N + q];
+            return failed < N ? StatusNotPositiveDefinite : StatusOk;
+        }, rule.stores == Stores::Groups ? 4 : 1);
     }
 };
 
-const Fn decomp_fns[] = {{"CholeskyDecomp_m", Layout::S}, {"CholeskyDecomp_m", Layout::P},
-                         {"CholeskyDecomp_ma", Layout::S}, {"CholeskyDecomp_ma", Layout::P},
-                         {"CholeskyDecomp_ma", Layout::L}};
+const std::vector<Fn> decomp_fns = forms("CholeskyDecomp", {"m", "ma"});
 
 template <class T> class Cholesky : public testing::Test {};
 using Types = testing::Types<float, double>;
@@ -185,7 +130,7 @@ TYPED_TEST(Cholesky, DecompBitExactWithFailures) {
             for (int N : {1, 2, 3, 4, 5, 6, 7})
                 for (int pivot = -1; pivot < N; ++pivot)
                     for (bool in_place : {false, true}) {
-                        const int bad = pivot < 0 ? -1 : !arr(f) ? 0 : pivot % 2 ? 2 : 21;
+                        const int bad = pivot < 0 ? -1 : !is_array(f) ? 0 : pivot % 2 ? 2 : 21;
                         Decomp<TypeParam> t(f, N, 37, m, seed++, bad, pivot, in_place);
                         const OrsStatus want = t.model({{0, t.count}});
                         EXPECT_EQ(want, pivot < 0 ? StatusOk : StatusNotPositiveDefinite);
@@ -290,48 +235,19 @@ template <class T> Mat<T> solve_model(const Mat<T>& l, const Mat<T>& b, int N, T
     return y;
 }
 
-std::vector<Fn> back_fns() {
-    std::vector<Fn> v;
-    for (std::string f : {"mv", "mva", "mava"})
-        for (Layout l : {Layout::S, Layout::P, Layout::L})
-            if (f != "mv" || l != Layout::L) v.push_back({"CholeskyBackSubst_" + f, l});
-    return v;
-}
+const std::vector<Fn> back_fns = forms("CholeskyBackSubst", {"mv", "mva", "mava"});
 
-template <class T> struct Back {
-    int N, count;
-    bool many;
-    Call<T> c;
-    Operand<T>*m, *b, *d;
-    std::vector<Mat<T>> bv;
-    std::string where;
-    Back(const Fn& f, int n, int cnt, Mode mode, unsigned seed, bool in_place = false)
-        : N(n), count(f.first.back() == 'v' ? 1 : cnt), many(f.first.find("mava") != std::string::npos),
-          c(f.first, f.second),
-          where(c.name() + " size=" + std::to_string(n) + " count=" + std::to_string(count) +
-                (mode.strided ? " strided" : mode.soa ? " soa" : "")) {
+// Random lower triangles, NaN above the diagonal (never read).
+template <class T> struct Back : SolveCall<T> {
+    Back(const Fn& f, int n, int cnt, Mode mode, unsigned seed, bool in_place = false) : SolveCall<T>(f, n, cnt, mode) {
         Values<T> v(seed, 0);
-        const bool va = f.first.back() == 'a';
-        m = &c.bind("src1", many, {N, N, count, many, !mode.strided, mode.soa}, seed);
-        m->fill([&](int, int r, int k) {
+        this->bind(seed, in_place, v, [&](int, int r, int k) {
             return k > r ? std::numeric_limits<T>::quiet_NaN() : k == r ? T(1) + v() / 2 : v();
         });
-        b = &c.bind("src2", va, {1, N, count, va, !mode.strided, mode.soa}, seed + 1);
-        b->fill([&](int, int, int) { return v(); });
-        for (int o = 0; o < count; ++o) bv.push_back(elements(*b, o, 1, N));
-        d = in_place ? &c.attach("dst", *b) : &c.bind("dst", va, {1, N, count, va, !mode.strided, mode.soa}, seed + 2);
-        c.arg("size") = N;
-        if (c.takes("count")) c.arg("count") = count;
-        c.snapshot();
+        this->ready();
     }
     testing::AssertionResult check(int upto) const {
-        for (int o = 0; o < upto; ++o) {
-            const Mat<T> want = solve_model(elements(*m, many ? o : 0, N, N), bv[o], N);
-            if (auto r = same(elements(*d, o, 1, N), want, o); !r) return r;
-        }
-        if (!d->only_elements_changed(upto)) return testing::AssertionFailure() << "dst outside its objects";
-        if (!m->unchanged() || (b != d && !b->unchanged())) return testing::AssertionFailure() << "source changed";
-        return testing::AssertionSuccess();
+        return this->solved(upto, [&](int o) { return solve_model(this->factor(o), this->bv[o], this->N); });
     }
 };
 
@@ -339,7 +255,7 @@ template <class T> struct Back {
 // systems, so that groups of every vector width run with systems after them.
 TYPED_TEST(Cholesky, BackSubstBitExact) {
     unsigned seed = 100;
-    for (const Fn& f : back_fns())
+    for (const Fn& f : back_fns)
         for (Mode m : modes(f.second))
             for (int N : {1, 2, 3, 4, 5, 6, 7, 9})
                 for (bool in_place : {false, true}) {
@@ -379,18 +295,14 @@ TYPED_TEST(Cholesky, FactorThenSolveSmallResidual) {
     for (int N = 1; N <= 13; ++N) {
         Decomp<T> t(decomp_fns[0], N, 1, Mode{}, 40 + N);
         ASSERT_EQ(t.c.run(), StatusOk) << N;
-        Mat<T> F = elements(*t.dst, 0, N, N), A(N * N), b(N), x(N);
+        Mat<T> F = elements(*t.dst, 0), A(N * N), b(N), x(N);
         for (int i = 0; i < N; ++i)
             for (int j = 0; j < N; ++j) A[i * N + j] = t.a[0][std::max(i, j) * N + std::min(i, j)];
         for (int i = 0; i < N; ++i) b[i] = T(i + 1);
         if constexpr (sizeof(T) == 4) ASSERT_EQ(orsmCholeskyBackSubst_mv_32f(F.data(), N * E, E, b.data(), E, x.data(), E, N), StatusOk);
         else ASSERT_EQ(orsmCholeskyBackSubst_mv_64f(F.data(), N * E, E, b.data(), E, x.data(), E, N), StatusOk);
-        for (int i = 0; i < N; ++i) {
-            double r = -double(b[i]), scale = std::fabs(double(b[i]));
-            for (int j = 0; j < N; ++j) r += double(A[i * N + j]) * x[j], scale += std::fabs(double(A[i * N + j]) * x[j]);
-            // The 32f reciprocal roots carry about 2^-21.
-            EXPECT_LE(std::fabs(r), (sizeof(T) == 4 ? 64 : 16) * N * std::numeric_limits<T>::epsilon() * scale) << N;
-        }
+        // The 32f reciprocal roots carry about 2^-21.
+        expect_small_residual(A, x, b, N, sizeof(T) == 4 ? 64 : 16);
     }
 }
 
@@ -400,60 +312,32 @@ TYPED_TEST(Cholesky, FactorThenSolveSmallResidual) {
 // deciding; the mva list form checks strides and shifts before size and
 // count.
 TYPED_TEST(Cholesky, ChecksInOrder) {
-    const std::string E = std::to_string(sizeof(TypeParam));
-    std::vector<Fn> fns(std::begin(decomp_fns), std::end(decomp_fns));
-    for (const Fn& f : back_fns()) fns.push_back(f);
-    for (const Fn& f : fns) {
-        Call<TypeParam> c(f.first, f.second);
-        bind_all(c, 3, 3, 2);
-        check_every_argument(c);
-        const bool late = f.first == "CholeskyBackSubst_mva" && f.second == Layout::L;
-        const std::string stride = f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1";
-        std::vector<Fault> all = {{"dst=0", StatusNullPointer}, {"count=0", StatusBadCount},
-                                  {"size=-1", StatusBadSize}, {stride, StatusBadStride},
-                                  {"dstRoiShift=2", StatusBadRoiShift}};
-        if (late) all = {all[0], all[3], all[4], all[2], all[1]};
-        expect_checks_in_order(c, all);
-    }
+    std::vector<Fn> fns = decomp_fns;
+    fns.insert(fns.end(), back_fns.begin(), back_fns.end());
+    checks_in_order<TypeParam>(fns, [](const Fn& f) {
+        std::vector<Fault> all = {{"dst=0", StatusNullPointer}, {"count=0", StatusBadCount}, {"size=-1", StatusBadSize},
+                                  dst_stride_fault<TypeParam>(f.second), {"dstRoiShift=2", StatusBadRoiShift}};
+        if (f.first == "CholeskyBackSubst_mva" && f.second == Layout::L) all = {all[0], all[3], all[4], all[2], all[1]};
+        return all;
+    });
 }
 
 // The limit of every array form and kernel kind: at the last serial work
 // all objects are done; at the first parallel one, inside a serialized
 // region, member 0's share only.
 TYPED_TEST(Cholesky, SerialBelowTheLimits) {
-    using T = TypeParam;
-    const bool f32 = sizeof(T) == 4;
-    for (const Fn& f : decomp_fns) {
-        if (!arr(f)) continue;
-        for (Mode m : modes(f.second)) {
+    const bool f32 = sizeof(TypeParam) == 4;
+    factor_limit_cells<Decomp, TypeParam>(
+        decomp_fns,
+        [&](const Fn& f, Mode m) {
             const bool list = f.second == Layout::L, P = f.second == Layout::P;
-            const int lim = f32 ? (list || P ? 2001 : 7501) : (list && !m.strided ? 721 : 2001);
-            auto work = [](int s, int, int n) { return s * s * n; };
-            for (int side : {0, 1}) {
-                const auto g = side ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
-                Decomp<T> t(f, g[0], g[2], m, 7);
-                const OrsStatus want = t.model({{0, side ? first_share(t.count, 2) : t.count}});
-                serialized([&] { EXPECT_EQ(t.c.run(), want); });
-                EXPECT_TRUE(t.check()) << t.where << " W=" << g[3];
-            }
-        }
-    }
-    for (const Fn& f : back_fns()) {
-        const bool mava = f.first.find("mava") != std::string::npos;
-        if (f.first.back() == 'v') continue;
-        auto work = [&](int s, int, int n) { return mava ? s * (s + 2) * n : (s + 2 * n) * s; };
-        for (Mode m : modes(f.second)) {
-            const bool S = f.second == Layout::S, P = f.second == Layout::P;
-            const int lim = mava ? ((f32 && S && !m.strided) || (!f32 && P) ? 2051 : 1701)
-                                 : (f32 && S ? 1201 : 721);
-            for (int side : {0, 1}) {
-                const auto g = side ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
-                Back<T> t(f, g[0], g[2], m, 11);
-                serialized([&] { EXPECT_EQ(t.c.run(), StatusOk); });
-                EXPECT_TRUE(t.check(side ? first_share(t.count, 2) : t.count)) << t.where << " W=" << g[3];
-            }
-        }
-    }
+            return f32 ? (list || P ? 2001 : 7501) : (list && !m.strided ? 721 : 2001);
+        },
+        [](const Fn&, Mode) { return true; });
+    solver_limit_cells<Back, TypeParam>(back_fns, [&](const Fn& f, Mode m) {
+        const bool S = f.second == Layout::S, P = f.second == Layout::P;
+        return is_mava(f) ? ((f32 && S && !m.strided) || (!f32 && P) ? 2051 : 1701) : (f32 && S ? 1201 : 721);
+    });
 }
 
 // Two real threads: each share stops at its own failing object, and sound

@@ -2,17 +2,14 @@
 // model of each path in every form, layout, type and stride mix, with
 // singular objects and dst on a source; the path quirks on worked examples;
 // check orders; the serial/parallel boundary; factor and solve together.
-#include <cmath>
-#include <limits>
 #include <numeric>
 
-#include "calls.hpp"
+#include "solvers.hpp"
 
 using namespace orsmtest;
 
 namespace {
 
-template <class T> using Mat = std::vector<T>;  // row-major
 bool size_path(int n) { return n >= 3 && n <= 6; }
 
 // One matrix into d (dst as it stood) and its table q. The size paths fail
@@ -84,108 +81,44 @@ template <class T> void solve_model(bool fixed, const Mat<T>& a, const int* q, c
     }
 }
 
-template <class T> Mat<T> elements(const Operand<T>& o, int n, int rows, int N) {
-    Mat<T> m(rows * N);
-    for (int i = 0; i < rows * N; ++i) m[i] = o.at(n, i / N, i % N);
-    return m;
-}
-// Same bits, or NaN for NaN (which payload survives where two NaNs meet is
-// the compiler's choice).
-template <class T> testing::AssertionResult same(const Mat<T>& got, const Mat<T>& want, int o) {
-    for (std::size_t i = 0; i < got.size(); ++i)
-        if (bits(got[i]) != bits(want[i]) && !(std::isnan(got[i]) && std::isnan(want[i])))
-            return testing::AssertionFailure() << "object " << o << " [" << i << "] " << got[i] << " want " << want[i];
-    return testing::AssertionSuccess();
-}
-
-// Element strides unlike the element size (S, L), or P tables of planes.
-struct Mode {
-    bool strided = false, soa = false;
-};
-std::vector<Mode> modes(Layout l) { return {Mode{}, Mode{l != Layout::P, l == Layout::P}}; }
-
-using Fn = std::pair<std::string, Layout>;
-const Fn decomp_fns[] = {{"LUDecomp_m", Layout::S}, {"LUDecomp_m", Layout::P}, {"LUDecomp_ma", Layout::S},
-                         {"LUDecomp_ma", Layout::P}, {"LUDecomp_ma", Layout::L}};
-std::vector<Fn> back_fns() {
-    std::vector<Fn> v;
-    for (std::string f : {"mv", "mva", "mava"})
-        for (Layout l : {Layout::S, Layout::P, Layout::L})
-            if (f != "mv" || l != Layout::L) v.push_back({"LUBackSubst_" + f, l});
-    return v;
-}
-
-// A call with guarded operands: `sh` shapes them, `where` names the call.
-template <class T> struct Trial {
-    Fn fn;
-    int N, count;
-    Mode mode;
-    Call<T> c;
-    Packed<int> index;
-    std::vector<int> q;  // the table
-    std::string where;
-    Trial(const Fn& f, int n, int cnt, Mode m, int tables)
-        : fn(f), N(n), count(cnt), mode(m), c(f.first, f.second), index(std::size_t(n) * tables),
-          where(c.name() + " size=" + std::to_string(n) + " count=" + std::to_string(cnt) +
-                (m.strided ? " strided" : m.soa ? " soa" : "")) {}
-    Shape sh(int rows, bool array) const { return {rows, N, array ? count : 1, array, !mode.strided, mode.soa}; }
-    void ready(const char* index_role) {
-        c.ptr(index_role) = index.data();
-        c.arg("size") = N;
-        if (c.takes("count")) c.arg("count") = count;
-        c.snapshot();
-    }
-};
+const std::vector<Fn> decomp_fns = forms("LUDecomp", {"m", "ma"}), back_fns = forms("LUBackSubst", {"mv", "mva", "mava"});
 
 // ---- LUDecomp ----------------------------------------------------------------------
 
 // Random objects; each of `zeros` (object, column) zeroes a column, which
 // makes that object singular at that column on both kinds of path.
-template <class T> struct Decomp : Trial<T> {
-    using Trial<T>::N, Trial<T>::count, Trial<T>::c, Trial<T>::index, Trial<T>::q;
-    Operand<T>*src, *dst;
-    std::vector<Mat<T>> a, d;  // sources, and dst as it stood
-    static bool arr(const Fn& f) { return f.first.back() == 'a'; }
+template <class T> struct Decomp : FactorCall<T> {
+    using FactorCall<T>::N, FactorCall<T>::count, FactorCall<T>::c, FactorCall<T>::a, FactorCall<T>::d;
+    Packed<int> index;
+    std::vector<int> q;  // the tables
     Decomp(const Fn& f, int n, int cnt, Mode m, unsigned seed, std::vector<std::pair<int, int>> zeros = {},
            bool in_place = false)
-        : Trial<T>(f, n, arr(f) ? cnt : 1, m, arr(f) ? cnt : 1) {
+        : FactorCall<T>(f, n, cnt, m), index(std::size_t(n) * count) {
         Values<T> v(seed, 0);
-        src = &c.bind("src", arr(f), this->sh(N, arr(f)), seed);
-        src->fill([&](int o, int, int k) {
+        this->bind(seed, in_place, v, [&](int o, int, int k) {
             const T x = v();
             return std::count(zeros.begin(), zeros.end(), std::pair{o, k}) ? T(0) : x;
         });
-        dst = in_place ? &c.attach("dst", *src) : &c.bind("dst", arr(f), this->sh(N, arr(f)), seed + 1);
-        if (!in_place) dst->fill([&](int, int, int) { return v(); });
-        for (int o = 0; o < count; ++o) a.push_back(elements(*src, o, N, N)), d.push_back(elements(*dst, o, N, N));
         for (int i = 0; i < N * count; ++i) q.push_back(index.get(i));
-        this->ready("dstIndex");
+        c.ptr("dstIndex") = index.data();
+        this->ready();
     }
-    // The model run as the kernel would on each share (first object,
-    // objects); the status of the first failing share.
-    OrsStatus model(std::initializer_list<std::pair<int, int>> shares) {
+    // The model run as the kernel would on each share.
+    OrsStatus model(const Shares& shares) {
         // The strided S array kernel's general loop gives every object the
         // same table entries.
-        const bool one_table = this->fn.second == Layout::S && arr(this->fn) && this->mode.strided && !size_path(N);
-        OrsStatus out = StatusOk;
-        for (auto [f, k] : shares)
-            for (int o = f; o < f + k; ++o) {
-                const OrsStatus st = lu_model(size_path(N), this->fn.second == Layout::P, a[o], d[o],
-                                              &q[std::size_t(one_table ? f : o) * N], N);
-                if (st != StatusOk) {
-                    out = out == StatusOk ? st : out;
-                    break;
-                }
-            }
-        return out;
+        const bool one_table =
+            this->fn.second == Layout::S && is_array(this->fn) && this->mode.strided && !size_path(N);
+        return over_shares(shares, [&](int o, int, int first) {
+            const std::size_t table = std::size_t(one_table ? first : o) * N;
+            return lu_model(size_path(N), this->fn.second == Layout::P, a[o], d[o], &q[table], N);
+        });
     }
     testing::AssertionResult check() const {
-        for (int o = 0; o < count; ++o)
-            if (auto r = same(elements(*dst, o, N, N), d[o], o); !r) return r;
+        if (auto r = FactorCall<T>::check(); !r) return r;
         for (int i = 0; i < N * count; ++i)
             if (index.get(i) != q[i]) return testing::AssertionFailure() << "table entry " << i << ": " << index.get(i);
-        if (!dst->only_elements_changed() || !index.guards_intact()) return testing::AssertionFailure() << "guards";
-        if (src != dst && !src->unchanged()) return testing::AssertionFailure() << "src changed";
+        if (!index.guards_intact()) return testing::AssertionFailure() << "table guards";
         return testing::AssertionSuccess();
     }
 };
@@ -204,7 +137,7 @@ TYPED_TEST(LU, DecompBitExactWithFailuresInPlace) {
             for (int N : {1, 2, 3, 4, 5, 6, 7, 9})
                 for (int zero = -1; zero < N; ++zero)
                     for (bool in_place : {false, true}) {
-                        Decomp<TypeParam> t(f, N, 4, m, seed++, {{Decomp<TypeParam>::arr(f) ? 2 : 0, zero}}, in_place);
+                        Decomp<TypeParam> t(f, N, 4, m, seed++, {{is_array(f) ? 2 : 0, zero}}, in_place);
                         const OrsStatus want = t.model({{0, t.count}});
                         EXPECT_EQ(want, zero < 0 ? StatusOk : StatusSingular);
                         EXPECT_EQ(t.c.run(), want) << t.where << " zero column " << zero;
@@ -338,46 +271,36 @@ TYPED_TEST(LU, DecompQuirksByExample) {
 
 // Random factors with random tables (each object its own in mava); a
 // `pivot` step gets 0 on U's diagonal.
-template <class T> struct Back : Trial<T> {
-    using Trial<T>::N, Trial<T>::count, Trial<T>::c, Trial<T>::index, Trial<T>::q;
-    bool many;
-    Operand<T>*m, *b, *d;
-    std::vector<Mat<T>> bv;  // src2 as it stood
+template <class T> struct Back : SolveCall<T> {
+    using SolveCall<T>::N, SolveCall<T>::count, SolveCall<T>::many, SolveCall<T>::b, SolveCall<T>::d;
+    Packed<int> index;
+    std::vector<int> q;  // the tables
     Back(const Fn& f, int n, int cnt, Mode mode, unsigned seed, bool in_place = false, int pivot = -1)
-        : Trial<T>(f, n, f.first.back() == 'v' ? 1 : cnt, mode, f.first.find("mava") != std::string::npos ? cnt : 1),
-          many(f.first.find("mava") != std::string::npos) {
+        : SolveCall<T>(f, n, cnt, mode), index(std::size_t(n) * (many ? count : 1)) {
         Values<T> v(seed, 0);
         std::mt19937 rng(seed);
-        const bool va = f.first.back() == 'a';
         for (int o = 0; o < (many ? count : 1); ++o) {
             std::vector<int> p(N);
             std::iota(p.begin(), p.end(), 0);
             std::shuffle(p.begin(), p.end(), rng);
             for (int i = 0; i < N; ++i) index.data()[o * N + i] = p[i], q.push_back(p[i]);
         }
-        m = &c.bind("src1", many, this->sh(N, many), seed);
-        m->fill([&](int o, int r, int k) {
+        this->bind(seed, in_place, v, [&](int o, int r, int k) {
             const T x = v();
             const int step = int(std::find(&q[o * N], &q[o * N] + N, r) - &q[o * N]);
             return k != step ? x : step == pivot ? T(0) : T(3) + x / T(4);
         });
-        b = &c.bind("src2", va, this->sh(1, va), seed + 1);
-        b->fill([&](int, int, int) { return v(); });
-        for (int o = 0; o < count; ++o) bv.push_back(elements(*b, o, 1, N));
-        d = in_place ? &c.attach("dst", *b) : &c.bind("dst", va, this->sh(1, va), seed + 2);
-        this->ready("srcIndex");
+        this->c.ptr("srcIndex") = index.data();
+        this->ready();
     }
     // dst objects [0, upto) hold the model's solutions; the rest stand.
     testing::AssertionResult check(int upto) const {
-        for (int o = 0; o < upto; ++o) {
-            Mat<T> in = bv[o], out(N);
+        return this->solved(upto, [&](int o) {
+            Mat<T> in = this->bv[o], out(N);
             T* x = b == d ? in.data() : out.data();  // in place: over b
-            solve_model(size_path(N), elements(*m, many ? o : 0, N, N), &q[many ? o * N : 0], in.data(), x, N);
-            if (auto r = same(elements(*d, o, 1, N), Mat<T>(x, x + N), o); !r) return r;
-        }
-        if (!d->only_elements_changed(upto)) return testing::AssertionFailure() << "dst outside its objects";
-        if (!m->unchanged() || (b != d && !b->unchanged())) return testing::AssertionFailure() << "source changed";
-        return testing::AssertionSuccess();
+            solve_model(size_path(N), this->factor(o), &q[many ? o * N : 0], in.data(), x, N);
+            return Mat<T>(x, x + N);
+        });
     }
 };
 
@@ -386,7 +309,7 @@ template <class T> struct Back : Trial<T> {
 // before the table reads it); a zero pivot gives infinities and NaNs.
 TYPED_TEST(LU, BackSubstBitExact) {
     unsigned seed = 100;
-    for (const Fn& f : back_fns())
+    for (const Fn& f : back_fns)
         for (Mode m : modes(f.second))
             for (int N : {1, 2, 3, 4, 5, 6, 7, 10})
                 for (int variant = 0; variant < 3; ++variant) {
@@ -429,11 +352,7 @@ TYPED_TEST(LU, FactorThenSolveSmallResidual) {
             ASSERT_EQ(orsmLUDecomp_m_64f(A.data(), N * E, E, q.data(), F.data(), N * E, E, N), StatusOk);
             ASSERT_EQ(orsmLUBackSubst_mv_64f(F.data(), N * E, E, q.data(), b.data(), E, y.data(), E, N), StatusOk);
         }
-        for (int i = 0; i < N; ++i) {
-            double r = -double(b[i]), scale = std::fabs(double(b[i]));
-            for (int j = 0; j < N; ++j) r += double(A[i * N + j]) * y[j], scale += std::fabs(double(A[i * N + j]) * y[j]);
-            EXPECT_LE(std::fabs(r), 16 * N * std::numeric_limits<T>::epsilon() * scale) << N << " " << i;
-        }
+        expect_small_residual(A, y, b, N, 16);
     }
 }
 
@@ -442,18 +361,12 @@ TYPED_TEST(LU, FactorThenSolveSmallResidual) {
 // Pointers, count, size, strides, shifts: each fault alone, and the earlier
 // of any two, decides, with every operand untouched.
 TYPED_TEST(LU, ChecksInOrder) {
-    const std::string E = std::to_string(sizeof(TypeParam));
-    std::vector<Fn> fns(std::begin(decomp_fns), std::end(decomp_fns));
-    for (const Fn& f : back_fns()) fns.push_back(f);
-    for (const Fn& f : fns) {
-        Call<TypeParam> c(f.first, f.second);
-        bind_all(c, 3, 3, 2);
-        check_every_argument(c);
-        const std::string stride = f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1";
-        expect_checks_in_order(c, {{"dst=0", StatusNullPointer}, {"count=0", StatusBadCount},
-                                   {"size=-1", StatusBadSize}, {stride, StatusBadStride},
-                                   {"dstRoiShift=2", StatusBadRoiShift}});
-    }
+    std::vector<Fn> fns = decomp_fns;
+    fns.insert(fns.end(), back_fns.begin(), back_fns.end());
+    checks_in_order<TypeParam>(fns, [](const Fn& f) {
+        return std::vector<Fault>{{"dst=0", StatusNullPointer}, {"count=0", StatusBadCount}, {"size=-1", StatusBadSize},
+                                  dst_stride_fault<TypeParam>(f.second), {"dstRoiShift=2", StatusBadRoiShift}};
+    });
 }
 
 // ---- serial and parallel -----------------------------------------------------------
@@ -463,17 +376,9 @@ TYPED_TEST(LU, ChecksInOrder) {
 // call in a serialized region does member 0's share only.
 TYPED_TEST(LU, DecompParallelOnlyIn32fList) {
     const bool is32 = sizeof(TypeParam) == 4;
-    auto work = [](int s, int, int n) { return s * s * n; };
-    for (const Fn& f : decomp_fns)
-        for (Mode m : modes(f.second))
-            for (int side = 0; side < 2 && f.first.back() == 'a'; ++side) {
-                const auto g = side ? geometry(work, 1001, 1, false) : geometry(work, 1000, -1, false);
-                Decomp<TypeParam> t(f, g[0], g[2], m, 7);
-                const bool par = side && is32 && f.second == Layout::L;
-                const OrsStatus want = t.model({{0, par ? first_share(t.count, 2) : t.count}});
-                serialized([&] { EXPECT_EQ(t.c.run(), want); });
-                EXPECT_TRUE(t.check()) << t.where << (par ? " parallel" : " serial");
-            }
+    factor_limit_cells<Decomp, TypeParam>(
+        decomp_fns, [](const Fn&, Mode) { return 1001; },
+        [&](const Fn& f, Mode) { return is32 && f.second == Layout::L; });
     // A real team, shares of 32 and 31 objects, a singular object in each:
     // each share stops at its own.
     for (Mode m : modes(Layout::L)) {
@@ -489,24 +394,16 @@ TYPED_TEST(LU, DecompParallelOnlyIn32fList) {
 // LUBackSubst: serial below 701 in mva ((size + 2 count) size) and below
 // 1201 in mava (size (size + 2) count), in every layout and type.
 TYPED_TEST(LU, BackSubstParallelFromTheLimit) {
-    for (const Fn& f : back_fns()) {
-        const bool mava = f.first.find("mava") != std::string::npos;
-        if (f.first.back() == 'v') continue;
-        auto work = [&](int s, int, int n) { return mava ? s * (s + 2) * n : (s + 2 * n) * s; };
-        const int lim = mava ? 1201 : 701;
+    solver_limit_cells<Back, TypeParam>(back_fns, [](const Fn& f, Mode) { return is_mava(f) ? 1201 : 701; });
+    // A real team of two.
+    for (const Fn& f : back_fns)
         for (Mode m : modes(f.second)) {
-            for (int side : {0, 1}) {
-                const auto g = side ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
-                Back<TypeParam> t(f, g[0], g[2], m, 11);
-                serialized([&] { EXPECT_EQ(t.c.run(), StatusOk); });
-                EXPECT_TRUE(t.check(side ? first_share(t.count, 2) : t.count)) << t.where << " W=" << g[3];
-            }
+            if (!is_array(f)) continue;
             Back<TypeParam> t(f, 4, 301, m, 13);
             ThreadCount tc(2);
             EXPECT_EQ(t.c.run(), StatusOk);
             EXPECT_TRUE(t.check(t.count)) << t.where << " two threads";
         }
-    }
 }
 
 }  // namespace

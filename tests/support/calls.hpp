@@ -238,6 +238,12 @@ template <class Work> std::array<int, 4> geometry(Work work, int target, int ste
             }
 }
 
+// The geometry of a limit's cells: at the last work below `limit` (side 0),
+// or at the first from it on (side 1).
+template <class Work> std::array<int, 4> limit_cell(Work work, int limit, int side, bool matrix) {
+    return side ? geometry(work, limit, 1, matrix) : geometry(work, limit - 1, -1, matrix);
+}
+
 // A limit and its sense: equal work goes parallel (serial below) or stays
 // serial (parallel above).
 struct Limit {
