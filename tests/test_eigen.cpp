@@ -2,16 +2,14 @@
 // plain model of each kernel's rules in every form, layout, type and stride
 // mix, over objects that reach every rule; stated cases; check order; the
 // limit cells and a team of two; residuals.
-#include <cmath>
 #include <random>
 
-#include "calls.hpp"
+#include "solvers.hpp"
 
 using namespace orsmtest;
 
 namespace {
 
-template <class T> using Mat = std::vector<T>;
 struct Rules {
     bool skip_s, skip_np, det_tiny, root_down, root_up, negl_double, prod_end, sort_first;
 };
@@ -144,19 +142,12 @@ template <class T> Mat<T> make(int kind, int N, std::mt19937& rng) {
     return a;
 }
 
-struct Fn {
-    std::string stem;
-    Layout lay;
-    bool vec() const { return stem.find("Vectors") != std::string::npos; }
-    bool arr() const { return stem.back() == 'a'; }
-};
-std::vector<Fn> fns() {
-    std::vector<Fn> v;
-    for (std::string fam : {"EigenValuesSym_", "EigenValuesVectorsSym_"})
-        for (Fn f : {Fn{"m", Layout::S}, {"m", Layout::P}, {"ma", Layout::S}, {"ma", Layout::P}, {"ma", Layout::L}})
-            v.push_back({fam + f.stem, f.lay});
+bool vec(const Fn& f) { return f.first.find("Vectors") != std::string::npos; }
+const std::vector<Fn> fns = [] {
+    std::vector<Fn> v = forms("EigenValuesSym", {"m", "ma"}), w = forms("EigenValuesVectorsSym", {"m", "ma"});
+    v.insert(v.end(), w.begin(), w.end());
     return v;
-}
+}();
 
 // A call on guarded operands, and the model's results beside it.
 template <class T> struct Case {
@@ -168,15 +159,15 @@ template <class T> struct Case {
     std::vector<Mat<T>> A;
     Mat<T> ed, ev;  // expected values and vectors, all objects
     Case(const Fn& f, int n, bool strided, std::vector<Mat<T>> objs)
-        : N(n), count(int(objs.size())), R(rules(f.vec(), sizeof(T) == 4, f.arr(), f.lay, strided)), c(f.stem, f.lay),
-          vals(std::size_t(N) * count), buf(std::size_t(N) * N), A(std::move(objs)) {
-        const Shape sh{N, N, count, f.arr(), !strided};
-        (src = &c.bind("src", f.arr(), sh, 3))->fill([&](int o, int r, int k) { return A[o][r * N + k]; });
-        if (f.vec()) V = &c.bind("dstVectors", f.arr(), sh, 4);
+        : N(n), count(int(objs.size())), R(rules(vec(f), sizeof(T) == 4, is_array(f), f.second, strided)),
+          c(f.first, f.second), vals(std::size_t(N) * count), buf(std::size_t(N) * N), A(std::move(objs)) {
+        const Shape sh{N, N, count, is_array(f), !strided};
+        (src = &c.bind("src", is_array(f), sh, 3))->fill([&](int o, int r, int k) { return A[o][r * N + k]; });
+        if (vec(f)) V = &c.bind("dstVectors", is_array(f), sh, 4);
         for (auto [sfx, x] : {std::pair{"Stride0", 0}, {"Stride1", 1}, {"Stride2", 2}, {"RoiShift", 3}})  // group "dst"
             if (V && c.takes(std::string("dst") + sfx)) c.arg(std::string("dst") + sfx) = std::array{V->s0(), V->s1(), V->s2(), V->shift()}[x];
-        c.ptr(f.vec() ? "dstValues" : "dst") = vals.data(), c.ptr("buffer") = buf.data(), c.arg("size") = N;
-        if (f.arr()) c.arg("count") = count;
+        c.ptr(vec(f) ? "dstValues" : "dst") = vals.data(), c.ptr("buffer") = buf.data(), c.arg("size") = N;
+        if (is_array(f)) c.arg("count") = count;
         for (int i = 0; i < N * count; ++i) ed.push_back(vals.get(i));
         for (int i = 0; V && i < N * N * count; ++i) ev.push_back(V->at(i / (N * N), i % (N * N) / N, i % N));
         c.snapshot(), vals.snapshot(), buf.snapshot();
@@ -185,27 +176,23 @@ template <class T> struct Case {
         : Case(f, n, strided, [&] {
               std::mt19937 rng(seed);
               std::vector<Mat<T>> v;
-              for (int o = 0; o < (f.arr() ? cnt : 1); ++o) v.push_back(make<T>(kind ? kind(o) : (o + seed) % 9, n, rng));
+              for (int o = 0; o < (is_array(f) ? cnt : 1); ++o)
+                  v.push_back(make<T>(kind ? kind(o) : (o + seed) % 9, n, rng));
               return v;
           }()) {}
-    // The model over shares (first object, objects), each ended by its
-    // first failure.
-    OrsStatus expect(std::vector<std::pair<int, int>> shares = {}) {
-        OrsStatus out = StatusOk;
-        for (auto [f, k] : shares.empty() ? decltype(shares){{0, count}} : shares)
-            for (int o = f; o < f + k; ++o)
-                if (OrsStatus st = model(R, N, A[o], &ed[o * N], V ? &ev[o * N * N] : nullptr); st != StatusOk) {
-                    out = out == StatusOk ? st : out;
-                    break;
-                }
-        return out;
+    // The model over shares, each ended by its first failure.
+    OrsStatus expect(const Shares& shares = {}) {
+        return over_shares(shares.empty() ? Shares{{0, count}} : shares, [&](int o, int, int) {
+            return model(R, N, A[o], &ed[o * N], V ? &ev[o * N * N] : nullptr);
+        });
     }
     testing::AssertionResult check() const {
-        auto same = [](T x, T y) { return bits(x) == bits(y) || (x != x && y != y); };
         for (int i = 0; i < N * count; ++i)
-            if (!same(vals.get(i), ed[i])) return testing::AssertionFailure() << "value " << i << ": " << vals.get(i) << " want " << ed[i];
+            if (!same_bits(vals.get(i), ed[i]))
+                return testing::AssertionFailure() << "value " << i << ": " << vals.get(i) << " want " << ed[i];
         for (int i = 0; V && i < N * N * count; ++i)
-            if (!same(V->at(i / (N * N), i % (N * N) / N, i % N), ev[i])) return testing::AssertionFailure() << "vector element " << i;
+            if (!same_bits(V->at(i / (N * N), i % (N * N) / N, i % N), ev[i]))
+                return testing::AssertionFailure() << "vector element " << i;
         if (!vals.guards_intact() || !buf.guards_intact() || !src->unchanged() || (V && !V->only_elements_changed()))
             return testing::AssertionFailure() << "guards or source";
         return testing::AssertionSuccess();
@@ -222,10 +209,10 @@ TYPED_TEST_SUITE(Eigen, Types);
 TYPED_TEST(Eigen, BitExactAgainstModel) {
     unsigned seed = 1;
     ThreadCount one(1);
-    for (const Fn& f : fns())
+    for (const Fn& f : fns)
         for (bool strided : {false, true})
             for (int N : {1, 2, 3, 4, 5, 6, 8, 12})
-                for (int rep = 0; rep < (f.arr() ? 3 : 27); ++rep) {
+                for (int rep = 0; rep < (is_array(f) ? 3 : 27); ++rep) {
                     Case<TypeParam> r(f, N, 9, strided, seed++);
                     EXPECT_EQ(r.c.run(), r.expect()) << r.where();
                     EXPECT_TRUE(r.check()) << r.where();
@@ -238,10 +225,11 @@ TYPED_TEST(Eigen, StatedCases) {
     using T = TypeParam;
     const bool f32 = sizeof(T) == 4;
     const T m = T(0.001), e = T(1e-5), tol = f32 ? T(0x1p-23) : T(0x1p-52);
-    for (const Fn& f : fns())
+    for (const Fn& f : fns)
         for (bool strided : {false, true}) {
-            const bool wide_det = !f32 || (!f.vec() && f.arr() && f.lay == Layout::S && !strided);  // 2^-52 bound
-            const bool sorted = f.vec() && !f.arr() && (!f32 || f.lay == Layout::P);  // sorted when singular
+            // The 2^-52 bound.
+            const bool wide_det = !f32 || (!vec(f) && is_array(f) && f.second == Layout::S && !strided);
+            const bool sorted = vec(f) && !is_array(f) && (!f32 || f.second == Layout::P);  // sorted when singular
             const std::tuple<Mat<T>, OrsStatus, Mat<T>, Mat<T>> ex[] = {
                 {{0}, StatusOk, {0}, {1}},
                 {{-1, 0, 0, -2}, StatusOk, {-2, -1}, {}},
@@ -263,14 +251,11 @@ TYPED_TEST(Eigen, StatedCases) {
 // Each fault alone leaves every operand untouched; of two faults the earlier
 // step decides: pointers, size, count, shifts, strides.
 TYPED_TEST(Eigen, ChecksInOrder) {
-    for (const Fn& f : fns()) {
-        Call<TypeParam> c(f.stem, f.lay);
-        bind_all(c, 3, 3, 2);
-        check_every_argument(c);
-        expect_checks_in_order(c, {{"src=0", StatusNullPointer}, {"size=0", StatusBadSize}, {"count=0", StatusBadCount},
-                                   {"dstRoiShift=2", StatusBadRoiShift}, {"srcStride0=3", StatusBadStride},
-                                   {"srcStride1=3", StatusBadStride}});
-    }
+    checks_in_order<TypeParam>(fns, [](const Fn&) {
+        return std::vector<Fault>{{"src=0", StatusNullPointer}, {"size=0", StatusBadSize}, {"count=0", StatusBadCount},
+                                  {"dstRoiShift=2", StatusBadRoiShift}, {"srcStride0=3", StatusBadStride},
+                                  {"srcStride1=3", StatusBadStride}};
+    });
 }
 
 // Serial below the limit, parallel from it with workspace of its own: in a
@@ -278,13 +263,13 @@ TYPED_TEST(Eigen, ChecksInOrder) {
 // the caller's buffer alone. Then a real team of two, with no failure (as
 // one thread would) and with each share stopping at its own failing object.
 TYPED_TEST(Eigen, LimitCellsAndTeam) {
-    for (const Fn& f : fns()) {
-        if (!f.arr()) continue;
-        auto work = [&](int s, int, int n) { return f.vec() ? (2 * s * s + s) * n : s * (s + 1) * n; };
-        const int lim = f.vec() ? 701 : 1001;
+    for (const Fn& f : fns) {
+        if (!is_array(f)) continue;
+        auto work = [&](int s, int, int n) { return vec(f) ? (2 * s * s + s) * n : s * (s + 1) * n; };
+        const int lim = vec(f) ? 701 : 1001;
         for (bool strided : {false, true})
             for (bool par : {false, true}) {
-                const auto g = par ? geometry(work, lim, 1, false) : geometry(work, lim - 1, -1, false);
+                const auto g = limit_cell(work, lim, par, false);
                 Case<TypeParam> r(f, g[0], g[2], strided, 5, [](int o) { return o % 2; });
                 const OrsStatus want = r.expect({{0, par ? first_share(r.count, 2) : r.count}});
                 serialized([&] { EXPECT_EQ(r.c.run(), want); });
@@ -305,8 +290,8 @@ TYPED_TEST(Eigen, LimitCellsAndTeam) {
 TYPED_TEST(Eigen, Residuals) {
     using T = TypeParam;
     ThreadCount one(1);
-    for (const Fn& f : fns())
-        for (int N = 2; N <= 9 && f.vec(); ++N) {
+    for (const Fn& f : fns)
+        for (int N = 2; N <= 9 && vec(f); ++N) {
             Case<T> r(f, N, 4, false, 40 + N, [](int) { return 0; });
             ASSERT_EQ(r.c.run(), StatusOk) << r.where();
             const double eps = 64 * N * double(std::numeric_limits<T>::epsilon());

@@ -1,17 +1,15 @@
 // Invert: bit for bit against a model where the order is bound, by residual
 // elsewhere, in every form, layout, kind and type; each kernel's tests at
 // their thresholds; pivot rules; status rules; checks; limits.
-#include "calls.hpp"
 #include "common/estimates.hpp"
 #include "measures_ref.hpp"
+#include "solvers.hpp"
 
 using namespace orsmtest;
 
 namespace {
 
-template <class T> using Mat = std::vector<T>;
-const std::pair<std::string, Layout> fns[] = {{"Invert_m", Layout::S}, {"Invert_m", Layout::P},
-    {"Invert_ma", Layout::S}, {"Invert_ma", Layout::P}, {"Invert_ma", Layout::L}};
+const std::vector<Fn> fns = forms("Invert", {"m", "ma"});
 enum class Kind { Scalar, Single32, Arrays32, Packed64, Band64 };
 
 template <class T> struct Trial {
@@ -22,8 +20,8 @@ template <class T> struct Trial {
     Operand<T> *src, *dst;
     Packed<T> buf;  // never read back: its contents are scrap
     std::vector<Mat<T>> a, d;  // src, and dst as it stood, then as the model leaves it
-    Trial(const std::pair<std::string, Layout>& f, bool strd, int n, int cnt, bool in_place = false)
-        : c(f.first, f.second), array(f.first == "Invert_ma"), strided(strd && f.second != Layout::P), N(n),
+    Trial(const Fn& f, bool strd, int n, int cnt, bool in_place = false)
+        : c(f.first, f.second), array(is_array(f)), strided(strd && f.second != Layout::P), N(n),
           count(array ? cnt : 1), buf(std::size_t(n) * (n + 1)) {
         kind = strd || f.second == Layout::P ? Kind::Scalar : sizeof(T) == 4 ? (array ? Kind::Arrays32 : Kind::Single32)
                                                             : (f.second == Layout::L ? Kind::Band64 : Kind::Packed64);
@@ -35,12 +33,8 @@ template <class T> struct Trial {
     }
     template <class G> OrsStatus run(G&& gen) {
         src->fill(gen);
-        for (int o = 0; o < count; ++o) a.push_back(get(*src, o)), d.push_back(get(*dst, o));
+        for (int o = 0; o < count; ++o) a.push_back(elements(*src, o)), d.push_back(elements(*dst, o));
         return c.snapshot(), c.run();
-    }
-    Mat<T> get(const Operand<T>& op, int o, Mat<T> m = {}) const {
-        for (int i = 0; i < N * N; ++i) m.push_back(op.at(o, i / N, i % N));
-        return m;
     }
     static constexpr T tol = ref::tol<T>();
     static bool passes(Kind k, T x) { return k == Kind::Band64 ? !(std::fabs(x) < 1e-15) : std::fabs(x) >= tol; }
@@ -77,7 +71,7 @@ template <class T> struct Trial {
     // `skip` in the 32f arrays at orders 5 and 6; no byte outside objects.
     testing::AssertionResult check(int upto, int skip = -1) {
         for (int o = 0; o < count; ++o) {
-            const Mat<T> got = get(*dst, o);
+            const Mat<T> got = elements(*dst, o);
             const bool done = o < upto && o != skip, exact = !done || model(o);
             const int from = o == skip && kind == Kind::Arrays32 && (N == 5 || N == 6) ? N : 0;
             for (int i = 0; i < N * N; ++i) {
@@ -176,8 +170,8 @@ TYPED_TEST(Invert, ArraysAsOneByOne) {
                 for (int o = 0; o < t.count; ++o) {
                     Trial<T> one(fns[fi], false, N, 1);
                     one.run([&](int, int r, int c) { return t.a[o][r * N + c]; });
-                    const Mat<T> want = every || bad < 0 || o < bad ? one.get(*one.dst, 0) : t.d[o];
-                    EXPECT_EQ(want, t.get(*t.dst, o)) << t.where() << " object " << o << " bad " << bad;
+                    const Mat<T> want = every || bad < 0 || o < bad ? elements(*one.dst, 0) : t.d[o];
+                    EXPECT_EQ(want, elements(*t.dst, o)) << t.where() << " object " << o << " bad " << bad;
                 }
             }
 }
@@ -215,15 +209,11 @@ TYPED_TEST(Invert, PivotSearchesAndRules) {
 // Pointers, count, size, strides, shifts: each fault alone, and the earlier
 // of any two, decides, every operand untouched.
 TYPED_TEST(Invert, ChecksInOrder) {
-    const std::string E = std::to_string(sizeof(TypeParam));
-    for (const auto& f : fns) {
-        Call<TypeParam> c(f.first, f.second);
-        bind_all(c, 3, 3, 2);
-        check_every_argument(c);
-        expect_checks_in_order(c, {{"buffer=0", StatusNullPointer}, {"count=0", StatusBadCount},
-            {"size=0", StatusBadSize}, {f.second == Layout::P ? "dstStride0=-" + E : "dstStride2=" + E + "1",
-            StatusBadStride}, {"srcRoiShift=2", StatusBadRoiShift}});
-    }
+    checks_in_order<TypeParam>(fns, [](const Fn& f) {
+        return std::vector<Fault>{{"buffer=0", StatusNullPointer}, {"count=0", StatusBadCount},
+                                  {"size=0", StatusBadSize}, dst_stride_fault<TypeParam>(f.second),
+                                  {"srcRoiShift=2", StatusBadRoiShift}};
+    });
 }
 
 // Serial below 3601 (32f contiguous S) or 2501 (W = 2 count size); a parallel
@@ -247,7 +237,7 @@ TYPED_TEST(Invert, SerialBelowTheLimit) {
         const OrsStatus st1 = one.run(g);
         ThreadCount tc2(2);
         EXPECT_EQ(two.run(g), bad < 0 || (sizeof(T) == 4 && bad == 100) ? StatusOk : StatusSingular) << bad;
-        for (int o = 0; o < 451 && st1 == StatusOk; ++o) EXPECT_EQ(two.get(*two.dst, o), one.get(*one.dst, o)) << o;
+        for (int o = 0; o < 451 && st1 == StatusOk; ++o) EXPECT_EQ(elements(*two.dst, o), elements(*one.dst, o)) << o;
     }
 }
 
