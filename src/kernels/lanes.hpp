@@ -335,6 +335,19 @@ ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
     }
 }
 
+// The factor block of a group of systems: an mva call's one factor (an S
+// operand with s0 of 0, or shared planes) read once into every lane, any
+// other as load reads it.
+template <int W, bool lower = false, class Vt, int R, int C, class O>
+ORSM_INLINE void load_factor(Vt (&x)[R][C], const O& o, int first) {
+    bool shared = false;
+    if constexpr (requires { o.s0; }) shared = o.s0 == 0;
+    if constexpr (requires { o.shared; }) shared = o.shared;
+    if (!shared) return load<W, lower>(x, o, first);
+    for (int r = 0; r < R; ++r)
+        for (int c = 0; c < row_cols<lower, C>(r); ++c) x[r][c] = load_shared<W>(o, first, r, c);
+}
+
 }  // namespace
 }  // namespace ORSM_TARGET
 }  // namespace orsm::lanes

@@ -94,7 +94,7 @@ template <class T> constexpr T tolerance = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-
 template <class T> struct FastKernels {
     template <template <class> class Obj> using Fn = bool (*)(const groups::SrcDst<T, Obj>&, T* buf, int first);
     template <template <class> class Obj> using SolveFn = void (*)(const groups::Systems<T, Obj>&, int first);
-    int lanes, solve_lanes;
+    int lanes, solve_lanes[4];  // [order - 3]
     Fn<groups::Strided> s[4];  // [order - 3]
     Fn<groups::Listed> l[4];
     SolveFn<groups::Strided> solve_s[4];

@@ -40,7 +40,7 @@ template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, 
             using groups::objects;
             const qr::FastKernels<T>& k = qr::fast_kernels<T>();
             const groups::SystemsOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
-            const int W = k.solve_lanes;
+            const int W = k.solve_lanes[N - 3];
             for (const auto fn = k.of(g, N); n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
         }
     } else if constexpr (K == Kind::P) {
