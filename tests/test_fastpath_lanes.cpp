@@ -356,8 +356,9 @@ TYPED_TEST(Lanes, FactorsAndInversesAsOneByOne) {
                 }
 }
 
-// The solves of many systems: factors from the array factorisations, the
-// solutions packed, with gaps, overlapping, or on the right-hand sides.
+// The solves of many systems, a factor each (mava) or one for all (mva, in
+// S): factors from the array factorisations, the solutions packed, with
+// gaps, overlapping, or on the right-hand sides.
 template <class T> struct SolveOps {
     Arr<T> a, b, d;
     std::vector<T> buf;
@@ -369,15 +370,24 @@ TYPED_TEST(Lanes, SolvesAsOneByOne) {
     using T = TypeParam;
     const std::pair<const char*, const char*> fams[] = {
         {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
-        {"QRDecomp_ma", "QRBackSubst_mava"}};
+        {"QRDecomp_ma", "QRBackSubst_mava"},  {"LUDecomp_ma", "LUBackSubst_mva"},
+        {"CholeskyDecomp_ma", "CholeskyBackSubst_mva"}, {"QRDecomp_ma", "QRBackSubst_mva"}};
     for (auto [decomp, solve] : fams)
         for (int N = 3; N <= 6; ++N)
             for (bool list : {false, true})
                 for (int ds0 : {N, N + 2, N - 1, 0}) {  // 0: in place
+                    const bool many = std::string(solve).find("mava") != std::string::npos;
+                    if (list && !many) continue;
                     SolveOps<T> ops{Arr<T>(kCount, N, N, N * N, N, list), Arr<T>(kCount, 1, N, N + 1, 0, list),
                                     Arr<T>(kCount, 1, N, ds0 ? ds0 : 1, 0, list), std::vector<T>(N * N + 2 * N),
                                     std::vector<int>(kCount * N), ds0 == 0};
                     fill_systems(ops.a, unsigned(N));
+                    // LU: every other object's rows upside down, so that rows change places.
+                    if (std::string(decomp) == "LUDecomp_ma")
+                        for (int n = 0; n < kCount; n += 2)
+                            for (int r = 0; r < N / 2; ++r)
+                                std::swap_ranges(ops.a.obj(n) + r * N, ops.a.obj(n) + r * N + N,
+                                                 ops.a.obj(n) + (N - 1 - r) * N);
                     for (T& x : ops.b.mem) x = T(std::rand() % 200 - 100) / T(8);
                     Call<T> f(decomp, list ? Layout::L : Layout::S);
                     ops.a.bind(f, "src", 0), ops.a.bind(f, "dst", 0);
@@ -385,9 +395,9 @@ TYPED_TEST(Lanes, SolvesAsOneByOne) {
                     f.arg("count") = kCount;
                     ASSERT_EQ(f.run(), StatusOk) << decomp;
                     auto bind = [&](Call<T>& c, SolveOps<T>& o, int n) {
-                        o.a.bind(c, "src1", n), o.b.bind(c, "src2", n);
+                        o.a.bind(c, "src1", many ? n : 0), o.b.bind(c, "src2", n);
                         (o.in_place ? o.b : o.d).bind(c, "dst", n);
-                        set_square(c, N, o.buf.data(), o.index.data() + n * N);
+                        set_square(c, N, o.buf.data(), o.index.data() + (many ? n * N : 0));
                     };
                     expect_as_one_by_one<T>(solve, list ? Layout::L : Layout::S, ops, bind,
                                             std::string(solve) + " order " + std::to_string(N) + " dst s0 " +

@@ -112,6 +112,14 @@ template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d
     return true;
 }
 
+// Whether every object of o is one and the same (the one factor of an mva
+// call: an S operand with s0 of 0, or shared planes).
+template <class O> bool shared(const O& o) {
+    if constexpr (requires { o.s0; }) return o.s0 == 0;
+    else if constexpr (requires { o.shared; }) return o.shared;
+    else return false;
+}
+
 // A P operand's objects as planes, when they stand one element apart; and
 // a src and dst pair of them that a call may run W objects at a time.
 template <class T> bool one_apart(const PAcc<T>& a) { return a.s0 == ptrdiff_t(sizeof(T)); }

@@ -340,10 +340,7 @@ ORSM_INLINE void load(Vt (&x)[R][C], const O& o, int first) {
 // other as load reads it.
 template <int W, bool lower = false, class Vt, int R, int C, class O>
 ORSM_INLINE void load_factor(Vt (&x)[R][C], const O& o, int first) {
-    bool shared = false;
-    if constexpr (requires { o.s0; }) shared = o.s0 == 0;
-    if constexpr (requires { o.shared; }) shared = o.shared;
-    if (!shared) return load<W, lower>(x, o, first);
+    if (!groups::shared(o)) return load<W, lower>(x, o, first);
     for (int r = 0; r < R; ++r)
         for (int c = 0; c < row_cols<lower, C>(r); ++c) x[r][c] = load_shared<W>(o, first, r, c);
 }

@@ -104,7 +104,7 @@ void solve_objects(const A& a, const int* index, const B& b, const D& d, int cou
         using groups::objects;
         const typename Groups<K == Kind::L>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
         const auto fn = k.of(g, N);
-        const int W = fn ? k.solve_lanes : 1;
+        const int W = N >= k.mava_from ? k.solve_lanes : 1;
         groups::in_groups(count, W, [&](int n) { return safe(g, N, n, W) && (fn(g, n), true); }, one);
     } else {
         groups::in_groups(count, 1, [](int) { return false; }, one);
@@ -134,7 +134,17 @@ OrsStatus backsubst_kernel(const A& a, const int* index, const B& b, const D& d,
             Factor<N, T> f;
             f.load(a, 0, index);
             int n = 0;
-            if constexpr (K == Kind::P) n = plane_solves<false, N>(a, index, b, d, count);
+            if constexpr (K == Kind::P) {
+                n = plane_solves<false, N>(a, index, b, d, count);
+            } else if constexpr (K == Kind::S && N > 3) {
+                // Vectors side by side against the one factor, from order 4
+                // (at order 3 the scalar path, its factor in registers, wins).
+                const LuKernels<T>& k = lu_kernels<T>();
+                using groups::objects;
+                const typename Groups<false>::template Solve<T> g{objects(a), index, objects(b), objects(d)};
+                const int W = k.solve_lanes;
+                for (const auto fn = k.of(g, N); n + W <= count && safe(g, N, n, W); n += W) fn(g, n);
+            }
             for (; n < count; ++n) solve_fixed(f, b, d, n);
         }
     });

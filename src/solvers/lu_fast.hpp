@@ -29,8 +29,8 @@ template <class T, template <class> class Obj> struct DecompGroup {
     int* index;  // N entries per object
 };
 template <class T, template <class> class Obj> struct SolveGroup {
-    Obj<const T> a;     // factors, one per system
-    const int* index;   // N entries per system
+    Obj<const T> a;     // factors, one per system, or one for all (groups::shared)
+    const int* index;   // N entries per system, or N for all with one factor
     Obj<const T> b;     // vectors (s1 unused)
     Obj<T> d;           // solutions (s1 unused)
 };
@@ -51,7 +51,8 @@ template <class T> struct LuKernels {
     template <template <class> class Obj> using DecompFn = bool (*)(const DecompGroup<T, Obj>&, int first);
     template <template <class> class Obj> using SolveFn = void (*)(const SolveGroup<T, Obj>&, int first);
     int decomp_lanes, solve_lanes;  // W of each
-    // [order - 3]; null: the scalar path serves.
+    int mava_from;  // the lowest order whose groups of systems with a factor each beat the scalar path
+    // [order - 3]
     DecompFn<Strided> decomp_s[4];
     DecompFn<Listed> decomp_l[4];
     SolveFn<Strided> solve_s[4];
@@ -85,7 +86,8 @@ bool safe(const DecompGroup<T, Obj>& g, int N, int first, int W) {
 template <class T, template <class> class Obj>
 bool safe(const SolveGroup<T, Obj>& g, int N, int first, int W) {
     using groups::Bytes;
-    const Bytes idx = Bytes::of(g.index + ptrdiff_t(first) * N, ptrdiff_t(W) * N);
+    const bool one = groups::shared(g.a);  // one factor, one table
+    const Bytes idx = Bytes::of(g.index + (one ? 0 : ptrdiff_t(first) * N), one ? N : ptrdiff_t(W) * N);
     const Bytes a = hull(g.a, first, W, N, N), b = hull(g.b, first, W, 1, N), d = hull(g.d, first, W, 1, N);
     return !d.meets(idx) && !d.meets(a) && (!d.meets(b) || in_place(g.b, g.d, first, W, 1, N));
 }

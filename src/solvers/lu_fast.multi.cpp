@@ -90,31 +90,23 @@ template <class T, int N, int W, template <class> class Obj> bool decomp(const D
 
 // ---- LUBackSubst -------------------------------------------------------------------
 
-// Rows M(i, .) = A(q(i), .) and b(q(i)) of a group: lane by lane from
-// its objects; over planes, from one table for all (shared planes), or each
-// lane picking physical row p where its table has p, by selects.
+// Rows M(i, .) = A(q(i), .) and b(q(i)) of a group: from the one factor and
+// table of an mva call (shared), from physical row p where a lane's table
+// has p, by selects (planes), or lane by lane from its objects.
 template <class T, int N, int W, template <class> class Obj>
 ORSM_INLINE void permuted(const SolveGroup<T, Obj>& g, int first, V<T, W> (&m)[N][N], V<T, W> (&y)[N]) {
     using Vt = V<T, W>;
     using Vi = VI<T, W>;
-    if constexpr (!std::is_same_v<Obj<T>, groups::Soa<T>>) {
-        for (int l = 0; l < W; ++l) {
-            const int n = first + l;
-            const int* q = g.index + ptrdiff_t(n) * N;
-            const T* b = g.b.obj(n);
-            for (int i = 0; i < N; ++i) {
-                const T* row = byte_off(g.a.obj(n), q[i] * g.a.s1);
-                for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
-                y[i][l] = b[q[i]];
-            }
-        }
-    } else if (g.a.shared) {
+    constexpr bool planes = std::is_same_v<Obj<T>, groups::Soa<T>>;
+    if (groups::shared(g.a)) {
+        Vt b[1][N];
+        load<W>(b, g.b, first);
         for (int i = 0; i < N; ++i) {
             const int q = g.index[i];
             for (int j = 0; j < N; ++j) m[i][j] = load_shared<W>(g.a, first, q, j);
-            y[i] = load_shared<W>(g.b, first, 0, q);
+            y[i] = b[0][q];
         }
-    } else {
+    } else if constexpr (planes) {
         Vt a[N][N], b[1][N];
         load<W>(a, g.a, first);
         load<W>(b, g.b, first);
@@ -127,6 +119,17 @@ ORSM_INLINE void permuted(const SolveGroup<T, Obj>& g, int first, V<T, W> (&m)[N
                 const Vi x = q == IntOf<T>(p);
                 for (int j = 0; j < N; ++j) m[i][j] = x ? a[p][j] : m[i][j];
                 y[i] = x ? b[0][p] : y[i];
+            }
+        }
+    } else {
+        for (int l = 0; l < W; ++l) {
+            const int n = first + l;
+            const int* q = g.index + ptrdiff_t(n) * N;
+            const T* b = g.b.obj(n);
+            for (int i = 0; i < N; ++i) {
+                const T* row = byte_off(g.a.obj(n), q[i] * g.a.s1);
+                for (int j = 0; j < N; ++j) m[i][j][l] = row[j];
+                y[i][l] = b[q[i]];
             }
         }
     }
@@ -153,27 +156,23 @@ template <class T, int N, int W, template <class> class Obj> void solve(const So
 
 // What measured fastest (one thread, in cache, 1,000 objects): the
 // factorisation at the widest vector; the solve, whose loads of one element
-// per lane outweigh its arithmetic, at no more than eight lanes, and not at
-// all for 32f orders 3 and 4 and 64f order 3, where the scalar path wins.
+// per lane outweigh its arithmetic, at no more than eight lanes, and for a
+// factor each (mava) not at all for 32f orders 3 and 4 and 64f order 3,
+// where the scalar path wins (mava_from).
 template <class T> constexpr int kDecompLanes = vx::kLanes<T>;
 template <class T> constexpr int kSolveLanes = vx::kLanes<T> < 8 ? vx::kLanes<T> : 8;
-template <class T, int N, template <class> class Obj>
-constexpr typename LuKernels<T>::template SolveFn<Obj> solve_fn() {
-    if constexpr (N <= (sizeof(T) == 4 ? 4 : 3)) return nullptr;
-    else return &solve<T, N, kSolveLanes<T>, Obj>;
-}
 template <class T> constexpr LuKernels<T> make() {
     constexpr int D = kDecompLanes<T>;
+    constexpr int S = kSolveLanes<T>;
     return {D,
-            kSolveLanes<T>,
+            S,
+            sizeof(T) == 4 ? 5 : 4,
             {&decomp<T, 3, D, Strided>, &decomp<T, 4, D, Strided>, &decomp<T, 5, D, Strided>,
              &decomp<T, 6, D, Strided>},
             {&decomp<T, 3, D, Listed>, &decomp<T, 4, D, Listed>, &decomp<T, 5, D, Listed>,
              &decomp<T, 6, D, Listed>},
-            {solve_fn<T, 3, Strided>(), solve_fn<T, 4, Strided>(), solve_fn<T, 5, Strided>(),
-             solve_fn<T, 6, Strided>()},
-            {solve_fn<T, 3, Listed>(), solve_fn<T, 4, Listed>(), solve_fn<T, 5, Listed>(),
-             solve_fn<T, 6, Listed>()},
+            {&solve<T, 3, S, Strided>, &solve<T, 4, S, Strided>, &solve<T, 5, S, Strided>, &solve<T, 6, S, Strided>},
+            {&solve<T, 3, S, Listed>, &solve<T, 4, S, Listed>, &solve<T, 5, S, Listed>, &solve<T, 6, S, Listed>},
             {&decomp<T, 3, D, groups::Soa>, &decomp<T, 4, D, groups::Soa>, &decomp<T, 5, D, groups::Soa>,
              &decomp<T, 6, D, groups::Soa>},
             {&solve<T, 3, D, groups::Soa>, &solve<T, 4, D, groups::Soa>, &solve<T, 5, D, groups::Soa>,
