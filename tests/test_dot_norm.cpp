@@ -298,24 +298,17 @@ TYPED_TEST(DotNorm, FaultsInOrderWithDstUntouched) {
     const std::string E = std::to_string(sizeof(TypeParam));
     for (const Case& cs : cases()) {
         const std::string r = cs.r1();
-        std::string o = cs.lay == Layout::S ? "pcls" : cs.arr1() ? "pclsh" : "plh";
-        if (!cs.arr1() && cs.lay == Layout::S) o = "pls";
-        const std::map<char, std::pair<std::string, OrsStatus>> edit = {
-            {'p', {"dst=0", StatusNullPointer}},
-            {'c', {"count=0", StatusBadCount}},
-            {'l', {"length=0", StatusBadSize}},
-            {'s', {cs.lay == Layout::P ? r + "Stride0=-" + E : r + "Stride2=" + E + "2", StatusBadStride}},
-            {'h', {r + "RoiShift=2", StatusBadRoiShift}}};
-        for (std::size_t i = 0; i < o.size(); ++i)
-            for (std::size_t j = i; j < o.size(); ++j) {
-                Trial<TypeParam> t(cs, Mode{}, 4, 3, 5);
-                t.c.set(edit.at(o[i]).first + " " + edit.at(o[j]).first);
-                EXPECT_EQ(t.c.run(), edit.at(o[i]).second) << cs.stem << name(cs.lay) << " " << o[i] << o[j];
-                EXPECT_TRUE(t.c.unchanged() && t.dst.unchanged()) << cs.stem << name(cs.lay) << o[i] << o[j];
-            }
-        Trial<TypeParam> t(cs, Mode{}, 3, 2, 9);
-        check_every_argument(t.c);
-        EXPECT_TRUE(t.dst.unchanged()) << cs.stem << name(cs.lay);
+        Trial<TypeParam> t(cs, Mode{}, 4, 3, 5);
+        expect_checks_in_order(t.c,
+                               {{"dst=0", StatusNullPointer},
+                                {"count=0", StatusBadCount},
+                                {"length=0", StatusBadSize},
+                                {cs.lay == Layout::P ? r + "Stride0=-" + E : r + "Stride2=" + E + "2", StatusBadStride},
+                                {r + "RoiShift=2", StatusBadRoiShift}},
+                               [&] { return t.dst.unchanged(); });
+        Trial<TypeParam> u(cs, Mode{}, 3, 2, 9);
+        check_every_argument(u.c);
+        EXPECT_TRUE(u.dst.unchanged()) << cs.stem << name(cs.lay);
     }
 }
 
@@ -335,11 +328,9 @@ TYPED_TEST(DotNorm, ParallelFromTheLimit) {
             for (int side : {0, 1}) {
                 auto wk = [&](int l, int, int n) { return cs.norm() ? l * n : cs.arr2() ? 2 * l * n : l * (n + 1); };
                 const int last = limit<TypeParam>(cs, m).last_serial();
-                const auto g = side ? geometry(wk, last + 1, 1, false) : geometry(wk, last, -1, false);
+                const auto g = limit_cell(wk, last + 1, side, false);
                 Trial<TypeParam> t(cs, m, g[0], g[2], 21);
-                OrsStatus st = StatusBadSize;
-                serialized([&] { st = t.c.run(); });
-                EXPECT_EQ(st, StatusOk);
+                EXPECT_EQ(run_serialized(t.c), StatusOk);
                 EXPECT_TRUE(t.check(side ? first_share(g[2], 2) : g[2])) << where(cs, m, g[0], g[2]) << " W=" << g[3];
             }
 }

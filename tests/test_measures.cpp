@@ -138,35 +138,24 @@ TYPED_TEST(Measures, ResultsAgainstReference) {
                     }
 }
 
-// Check order: pointers, count, sizes, strides, shifts; every argument
-// fault alone, with nothing written.
+// Check order: pointers, count, sizes, strides, shifts (each where the call
+// has it); every argument fault alone, with nothing written.
 TYPED_TEST(Measures, FaultsInOrderWithNothingWritten) {
     const std::string E = std::to_string(sizeof(TypeParam));
     for (const Case& cs : cases()) {
-        std::string order = cs.array ? "pclsh" : "plsh";
-        if (cs.lay == Layout::S) order.pop_back();
-        if (cs.lay == Layout::P && !cs.array) order.erase(order.find('s'), 1);
-        auto edit = [&](char f) -> std::pair<std::string, OrsStatus> {
-            switch (f) {
-                case 'p': return {cs.fam == Fam::Det ? "buffer=0" : "dst=0", StatusNullPointer};
-                case 'c': return {"count=0", StatusBadCount};
-                case 'l': return {cs.fam == Fam::FrobNorm ? "height=0" : "size=0", StatusBadSize};
-                case 's': return {cs.lay == Layout::P ? "srcStride0=-" + E : "srcStride1=2", StatusBadStride};
-                default: return {"srcRoiShift=-" + E, StatusBadRoiShift};
-            }
-        };
-        for (std::size_t i = 0; i < order.size(); ++i)
-            for (std::size_t j = i; j < order.size(); ++j) {
-                Trial<TypeParam> t(cs, Mode{}, 3, 3, 2, 5);
-                t.c.set(edit(order[i]).first + " " + edit(order[j]).first);
-                EXPECT_EQ(t.c.run(), edit(order[i]).second) << t.c.name() << " " << order[i] << order[j];
-                EXPECT_TRUE(t.c.unchanged() && t.dst.unchanged() && t.buf.unchanged()) << t.c.name();
-            }
+        Trial<TypeParam> t(cs, Mode{}, 3, 3, 2, 5);
+        auto untouched = [&] { return t.dst.unchanged() && t.buf.unchanged(); };
+        expect_checks_in_order(t.c,
+                               {{cs.fam == Fam::Det ? "buffer=0" : "dst=0", StatusNullPointer},
+                                {"count=0", StatusBadCount},
+                                {cs.fam == Fam::FrobNorm ? "height=0" : "size=0", StatusBadSize},
+                                {cs.lay == Layout::P ? "srcStride0=-" + E : "srcStride1=2", StatusBadStride},
+                                {"srcRoiShift=-" + E, StatusBadRoiShift}},
+                               untouched);
         // Every pointer, stride, shift, size and count alone (the buffer of
         // order 3, which it does not use, too).
-        Trial<TypeParam> t(cs, Mode{}, 3, 3, 2, 5);
         check_every_argument(t.c);
-        EXPECT_TRUE(t.dst.unchanged() && t.buf.unchanged()) << t.c.name();
+        EXPECT_TRUE(untouched()) << t.c.name();
     }
 }
 
@@ -194,11 +183,9 @@ TYPED_TEST(Measures, ParallelFromTheLimitWithTheSameBits) {
             if (m.packed || (cs.fam != Fam::FrobNorm && cs.lay != Layout::S && m.contiguous)) continue;
             const int lim = limit<TypeParam>(cs, m);
             for (int side : {0, 1}) {
-                const auto g = side ? geometry(work, lim, 1, true) : geometry(work, lim - 1, -1, true);
+                const auto g = limit_cell(work, lim, side, true);
                 Trial<TypeParam> t(cs, m, g[0], g[1], g[2], 3);
-                OrsStatus st = StatusBadSize;
-                serialized([&] { st = t.c.run(); });
-                EXPECT_EQ(st, StatusOk);
+                EXPECT_EQ(run_serialized(t.c), StatusOk);
                 EXPECT_TRUE(t.check(side ? first_share(g[2], 2) : g[2]))
                     << t.where() << " W=" << g[3] << (side ? " parallel" : " serial");
             }
@@ -220,9 +207,7 @@ TYPED_TEST(Measures, DetScratchOfTheCallerOnlyWhenSerial) {
     const Case cs{Fam::Det, true, Layout::S};
     for (int count : {1800, 1801}) {
         Trial<TypeParam> t(cs, Mode{}, 8, 8, count, 9, true);
-        OrsStatus st = StatusBadSize;
-        serialized([&] { st = t.c.run(); });
-        EXPECT_EQ(st, StatusOk);
+        EXPECT_EQ(run_serialized(t.c), StatusOk);
         EXPECT_EQ(t.buf.unchanged(), count == 1801) << count;
         EXPECT_TRUE(t.check(count == 1801 ? first_share(count, 2) : count)) << t.where();
     }
