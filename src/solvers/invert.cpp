@@ -71,62 +71,6 @@ template <class T> OrsStatus inverse4(const Sq<4, T>& a, Sq<4, T>& out, Test tes
     return StatusOk;
 }
 
-// ---- block elimination: orders 5 and 6 of the packed kinds -------------------------
-//
-// With the leading K by K block P of a (columns already exchanged), its
-// inverse pi, Q beside it, R below it and S the rest: X = pi Q, Z = R pi,
-// the Schur complement S - Z Q inverted by invS, then the partitioned
-// inverse. row0(v) sees row 0 of [pi | X] before the complement is
-// inverted (the arrays' scratch).
-template <int N, int K, class T, class InvS, class Row0>
-OrsStatus partitioned(const Sq<N, T>& a, const Sq<K, T>& pi, Sq<N, T>& out, InvS&& invS, Row0&& row0) {
-    constexpr int M = N - K;
-    T x[K][M], z[M][K], s[M][M], si[M][M];
-    for (int i = 0; i < K; ++i)
-        for (int j = 0; j < M; ++j) {
-            T v = pi[i][0] * a[0][K + j];
-            for (int l = 1; l < K; ++l) v = v + pi[i][l] * a[l][K + j];
-            x[i][j] = v;
-        }
-    for (int i = 0; i < M; ++i)
-        for (int j = 0; j < K; ++j) {
-            T v = a[K + i][0] * pi[0][j];
-            for (int l = 1; l < K; ++l) v = v + a[K + i][l] * pi[l][j];
-            z[i][j] = v;
-        }
-    for (int i = 0; i < M; ++i)
-        for (int j = 0; j < M; ++j) {
-            T v = a[K + i][K + j];
-            for (int l = 0; l < K; ++l) v = v - z[i][l] * a[l][K + j];
-            s[i][j] = v;
-        }
-    T r0[N];
-    for (int j = 0; j < N; ++j) r0[j] = j < K ? pi[0][j] : x[0][j - K];
-    row0(r0);
-    if (const OrsStatus st = invS(s, si); st != StatusOk) return st;
-    for (int i = 0; i < M; ++i)
-        for (int j = 0; j < K; ++j) {  // bottom left: -Si Z
-            T v = si[i][0] * z[0][j];
-            for (int l = 1; l < M; ++l) v = v + si[i][l] * z[l][j];
-            out[K + i][j] = -v;
-        }
-    for (int i = 0; i < K; ++i) {
-        for (int j = 0; j < M; ++j) {  // top right: -X Si
-            T v = x[i][0] * si[0][j];
-            for (int l = 1; l < M; ++l) v = v + x[i][l] * si[l][j];
-            out[i][K + j] = -v;
-        }
-        for (int j = 0; j < K; ++j) {  // top left: pi - X (bottom left)
-            T v = pi[i][j];
-            for (int l = 0; l < M; ++l) v = v - x[i][l] * out[K + l][j];
-            out[i][j] = v;
-        }
-    }
-    for (int i = 0; i < M; ++i)
-        for (int j = 0; j < M; ++j) out[K + i][K + j] = si[i][j];
-    return StatusOk;
-}
-
 // The columns perm[k] of a moved to k; the result's rows go back.
 template <int N, class T, class Body>
 OrsStatus exchanged(const Sq<N, T>& a, const int (&perm)[N], Sq<N, T>& out, Body&& body) {
@@ -165,15 +109,6 @@ OrsStatus single_pivot(const Sq<N, T>& a, Sq<N, T>& out, const Rules& R, InvS&& 
     });
 }
 
-// The inverse of a 2 by 2 block from its tested determinant.
-template <class T> ORSM_INLINE void block2(const Sq<2, T>& b, T det, Recip rc, Sq<2, T>& pi) {
-    const T r = reciprocal(rc, det);
-    pi[0][0] = b[1][1] * r, pi[0][1] = -b[0][1] * r, pi[1][0] = -b[1][0] * r, pi[1][1] = b[0][0] * r;
-}
-template <class T> ORSM_INLINE T det2(const T* r0, const T* r1, int c1, int c2) {
-    return r0[c1] * r1[c2] - r0[c2] * r1[c1];
-}
-
 template <int N, class T, class Row0>
 OrsStatus packed32(const Sq<N, T>& a, Sq<N, T>& out, const Rules& R, Row0&& row0) {
     auto inv4 = [&](const Sq<4, T>& s, Sq<4, T>& o) { return inverse4(s, o, R.test, R.recip, true); };
@@ -186,7 +121,7 @@ OrsStatus packed32(const Sq<N, T>& a, Sq<N, T>& out, const Rules& R, Row0&& row0
         const T d = det2(a[0], a[1], 0, 1);
         if (passes(R.test, a[0][0]) && passes(R.test, d)) {
             T pi[2][2];
-            block2<T>({{a[0][0], a[0][1]}, {a[1][0], a[1][1]}}, d, R.recip, pi);
+            block2<T>({{a[0][0], a[0][1]}, {a[1][0], a[1][1]}}, reciprocal(R.recip, d), pi);
             return partitioned<6, 2>(a, pi, out, inv4, row0);
         }
         auto inv5 = [&](const Sq<5, T>& s, Sq<5, T>& o) { return single_pivot<5>(s, o, R, inv4, [](const T*) {}); };
@@ -215,7 +150,7 @@ template <int N, class T> OrsStatus packed64(const Sq<N, T>& a, Sq<N, T>& out, c
             if (j != c1 && j != c2) perm[k++] = j;
         return exchanged<N>(a, perm, out, [&](const Sq<N, T>& w, Sq<N, T>& o) {
             T pi[2][2];
-            block2<T>({{w[0][0], w[0][1]}, {w[1][0], w[1][1]}}, det2(w[0], w[1], 0, 1), R.recip, pi);
+            block2<T>({{w[0][0], w[0][1]}, {w[1][0], w[1][1]}}, reciprocal(R.recip, det2(w[0], w[1], 0, 1)), pi);
             auto invS = [&](const Sq<N - 2, T>& s, Sq<N - 2, T>& so) { return packed64<N - 2>(s, so, R); };
             return partitioned<N, 2>(w, pi, o, invS, [](const T*) {});
         });
@@ -270,13 +205,14 @@ template <class Src, class Dst, class T> OrsStatus cofactors(const Src& s, const
     return StatusOk;
 }
 
-// Runs one(n) over objects [0, count) in order; orders 3 and 4 of the
-// contiguous S and L arrays hand groups of W objects to the fast paths
-// (invert.hpp) where they can, calling done() after each.
+// Runs one(n) over objects [0, count) in order; orders 3 to 6 of the
+// contiguous S and L arrays and of P arrays over planes hand groups of W
+// objects to the fast paths (invert.hpp) where they can, calling done()
+// after each.
 template <Kind K, bool Single, int N, class Src, class Dst, class One, class Done>
 OrsStatus invert_objects(const Src& s, const Dst& d, int count, One&& one, Done&& done) {
     using T = Plain<typename Dst::value_type>;
-    if constexpr (!Single && (N == 3 || N == 4) && (K == Kind::S || K == Kind::L)) {
+    if constexpr (!Single && N >= 3 && (K == Kind::S || K == Kind::L)) {
         const FastKernels<T>& k = fast_kernels<T>();
         const groups::SrcDstOf<T, K == Kind::L> g{groups::objects(s), groups::objects(d)};
         const auto fn = k.of(g, N);

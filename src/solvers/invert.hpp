@@ -137,17 +137,83 @@ template <class T> ORSM_INLINE T adjugate4(const Sq<4, T>& a, Sq<4, T>& adj, boo
     return (cof(0) + cof(1)) + (cof(2) + cof(3));
 }
 
+// ---- block elimination: orders 5 and 6 of the packed kinds -------------------------
+//
+// With the leading K by K block P of a (columns already exchanged), its
+// inverse pi, Q beside it, R below it and S the rest: X = pi Q, Z = R pi,
+// the Schur complement S - Z Q inverted by invS, then the partitioned
+// inverse. row0(v) sees row 0 of [pi | X] before the complement is
+// inverted (the arrays' scratch).
+template <int N, int K, class T, class InvS, class Row0>
+OrsStatus partitioned(const Sq<N, T>& a, const Sq<K, T>& pi, Sq<N, T>& out, InvS&& invS, Row0&& row0) {
+    constexpr int M = N - K;
+    T x[K][M], z[M][K], s[M][M], si[M][M];
+    for (int i = 0; i < K; ++i)
+        for (int j = 0; j < M; ++j) {
+            T v = pi[i][0] * a[0][K + j];
+            for (int l = 1; l < K; ++l) v = v + pi[i][l] * a[l][K + j];
+            x[i][j] = v;
+        }
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < K; ++j) {
+            T v = a[K + i][0] * pi[0][j];
+            for (int l = 1; l < K; ++l) v = v + a[K + i][l] * pi[l][j];
+            z[i][j] = v;
+        }
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < M; ++j) {
+            T v = a[K + i][K + j];
+            for (int l = 0; l < K; ++l) v = v - z[i][l] * a[l][K + j];
+            s[i][j] = v;
+        }
+    T r0[N];
+    for (int j = 0; j < N; ++j) r0[j] = j < K ? pi[0][j] : x[0][j - K];
+    row0(r0);
+    if (const OrsStatus st = invS(s, si); st != StatusOk) return st;
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < K; ++j) {  // bottom left: -Si Z
+            T v = si[i][0] * z[0][j];
+            for (int l = 1; l < M; ++l) v = v + si[i][l] * z[l][j];
+            out[K + i][j] = -v;
+        }
+    for (int i = 0; i < K; ++i) {
+        for (int j = 0; j < M; ++j) {  // top right: -X Si
+            T v = x[i][0] * si[0][j];
+            for (int l = 1; l < M; ++l) v = v + x[i][l] * si[l][j];
+            out[i][K + j] = -v;
+        }
+        for (int j = 0; j < K; ++j) {  // top left: pi - X (bottom left)
+            T v = pi[i][j];
+            for (int l = 0; l < M; ++l) v = v - x[i][l] * out[K + l][j];
+            out[i][j] = v;
+        }
+    }
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < M; ++j) out[K + i][K + j] = si[i][j];
+    return StatusOk;
+}
+
+// The inverse of a 2 by 2 block from the reciprocal r of its tested
+// determinant.
+template <class T> ORSM_INLINE void block2(const Sq<2, T>& b, T r, Sq<2, T>& pi) {
+    pi[0][0] = b[1][1] * r, pi[0][1] = -b[0][1] * r, pi[1][0] = -b[1][0] * r, pi[1][1] = b[0][0] * r;
+}
+template <class T> ORSM_INLINE T det2(const T* r0, const T* r1, int c1, int c2) {
+    return r0[c1] * r1[c2] - r0[c2] * r1[c1];
+}
+
 // ---- fast paths -------------------------------------------------------------------
 
-// Orders 3 and 4 of the contiguous S and L array kernels, and 3 to 6 of P
-// arrays over structure-of-arrays planes, W objects at a time: a group
-// writes only when every determinant passes; otherwise it writes nothing
-// and returns false, and the frame runs the scalar path on its objects.
+// Orders 3 to 6 of the contiguous S and L array kernels and of P arrays
+// over structure-of-arrays planes, W objects at a time: a group writes only
+// when every determinant passes (and, at orders 5 and 6 of S and L, every
+// lane takes the leading pivot); otherwise it writes nothing and returns
+// false, and the frame runs the scalar path on its objects.
 template <class T> struct FastKernels {
     template <template <class> class Obj> using Fn = bool (*)(const groups::SrcDst<T, Obj>&, int first);
     int lanes;
-    Fn<groups::Strided> s[2];  // [order - 3]
-    Fn<groups::Listed> l[2];
+    Fn<groups::Strided> s[4];  // [order - 3]
+    Fn<groups::Listed> l[4];
     Fn<groups::Soa> p[4];      // [order - 3]: P arrays of structure-of-arrays planes
     Fn<groups::Strided> of(const groups::SrcDst<T, groups::Strided>&, int N) const { return s[N - 3]; }
     Fn<groups::Listed> of(const groups::SrcDst<T, groups::Listed>&, int N) const { return l[N - 3]; }
