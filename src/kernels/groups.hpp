@@ -224,13 +224,22 @@ template <class T, template <class> class Obj> bool apart(const Systems<T, Obj>&
 
 // Whether objects [first, first + k) of R x C blocks share no byte, so
 // that writing them in any order leaves what writing them one after
-// another does. For a list: ascending places, each past the one before.
+// another does. A list in ascending places is tested as it stands, any
+// other sorted first (k at most 64).
 template <class T> bool objects_apart(const Strided<T>& o, int, int, int R, int C) { return o.s0 >= extent(o, R, C); }
 template <class T> bool objects_apart(const Listed<T>& o, int first, int k, int R, int C) {
     const ptrdiff_t e = extent(o, R, C);
-    for (int n = first + 1; n < first + k; ++n)
-        if (reinterpret_cast<const char*>(o.obj(n)) - reinterpret_cast<const char*>(o.obj(n - 1)) < e) return false;
-    return true;
+    auto gaps_ok = [&](auto at) {
+        for (int n = 1; n < k; ++n)
+            if (reinterpret_cast<const char*>(at(n)) - reinterpret_cast<const char*>(at(n - 1)) < e) return false;
+        return true;
+    };
+    if (gaps_ok([&](int n) { return o.obj(first + n); })) return true;
+    if (k > 64) return false;
+    T* at[64];
+    for (int n = 0; n < k; ++n) at[n] = o.obj(first + n);
+    std::sort(at, at + k);
+    return gaps_ok([&](int n) { return at[n]; });
 }
 
 // Runs objects [0, count) in order: W at a time where group(n) takes them
