@@ -97,6 +97,13 @@ std::vector<Way> ways(int N, bool overlap_objects) {
 
 constexpr int kCount = 37;  // groups of every width, then single objects
 
+// The solvers of many systems, a factor each (mava) or one for all (mva),
+// with the factorisation that makes their factors.
+const std::pair<const char*, const char*> kSolves[] = {
+    {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
+    {"QRDecomp_ma", "QRBackSubst_mava"}, {"LUDecomp_ma", "LUBackSubst_mva"},
+    {"CholeskyDecomp_ma", "CholeskyBackSubst_mva"}, {"QRDecomp_ma", "QRBackSubst_mva"}};
+
 // Runs `stem` over the whole array, then one object at a time on copies,
 // and compares everything the operands hold. `bind(c, ops, n)` sets the
 // arguments of objects [n, count). One thread: the shares of a team write
@@ -312,11 +319,7 @@ void expect_plane_solves_as_one_by_one(const char* decomp, const char* solve, in
     EXPECT_TRUE(all.same(one)) << at;
 }
 TYPED_TEST(Lanes, SolvesOverPlanesAsOneByOne) {
-    const std::pair<const char*, const char*> fams[] = {
-        {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
-        {"QRDecomp_ma", "QRBackSubst_mava"}, {"LUDecomp_ma", "LUBackSubst_mva"},
-        {"CholeskyDecomp_ma", "CholeskyBackSubst_mva"}, {"QRDecomp_ma", "QRBackSubst_mva"}};
-    for (auto [decomp, solve] : fams)
+    for (auto [decomp, solve] : kSolves)
         for (int N = 3; N <= 6; ++N)
             for (int count : {3, 37})
                 for (SolveDst w : {SolveDst::apart, SolveDst::in_place, SolveDst::between, SolveDst::meeting,
@@ -374,11 +377,7 @@ template <class T> struct SolveOps {
 };
 TYPED_TEST(Lanes, SolvesAsOneByOne) {
     using T = TypeParam;
-    const std::pair<const char*, const char*> fams[] = {
-        {"LUDecomp_ma", "LUBackSubst_mava"}, {"CholeskyDecomp_ma", "CholeskyBackSubst_mava"},
-        {"QRDecomp_ma", "QRBackSubst_mava"},  {"LUDecomp_ma", "LUBackSubst_mva"},
-        {"CholeskyDecomp_ma", "CholeskyBackSubst_mva"}, {"QRDecomp_ma", "QRBackSubst_mva"}};
-    for (auto [decomp, solve] : fams)
+    for (auto [decomp, solve] : kSolves)
         for (int N = 3; N <= 6; ++N)
             for (bool list : {false, true})
                 for (int ds0 : {N, N + 2, N - 1, 0}) {  // 0: in place
