@@ -72,7 +72,7 @@ template <class T> struct FastKernels {
     // of one of its objects fails.
     template <template <class> class Obj> using Fn = bool (*)(const Group<T, Obj>&, int first);
     template <template <class> class Obj> using SolveFn = void (*)(const SolveGroup<T, Obj>&, int first);
-    int lanes, solve_lanes;
+    int lanes, solve_lanes[4];  // [order - 3]
     Fn<Strided> s[4];  // [order - 3]
     Fn<Listed> l[4];
     SolveFn<Strided> solve_s[4];

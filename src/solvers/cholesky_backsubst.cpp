@@ -19,6 +19,7 @@
 #include "common/parallel.hpp"
 #include "solvers/cholesky.hpp"
 #include "solvers/paths.hpp"
+#include "solvers/systems.hpp"
 
 namespace orsm::solve {
 namespace {
@@ -98,34 +99,6 @@ template <int N, class T, class B, class D> ORSM_INLINE void solve_fixed(const F
     for (int i = 0; i < N; ++i) d.v(n, i) = y[i];
 }
 
-// The systems of a contiguous S or L mava call, an S mva call from order 4
-// up (at order 3 the scalar path, its one factor held in registers, is
-// faster: 2.6 against 4.1 ns a vector in 64f), or a P mava or mva call over
-// structure-of-arrays planes (a vector load a plane), that the fast paths
-// (cholesky.hpp) solve from the first on, W at a time while whole groups remain
-// and their operands allow; the scalar path goes on from there.
-template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, const B& b, const D& d, int count) {
-    using T = Plain<typename D::value_type>;
-    int n = 0;
-    // (The one factor of the L mva form is an S operand: that form has no
-    // fast path.)
-    if constexpr (K == Kind::S || K == Kind::L) {
-        if constexpr (K == Kind::S || std::is_same_v<decltype(groups::objects(a)), groups::Listed<const T>>) {
-            using groups::objects;
-            const chol::FastKernels<T>& k = chol::fast_kernels<T>();
-            const chol::SolveGroupOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
-            const int W = k.solve_lanes;
-            if (const auto fn = k.of(g, N))
-                for (; n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
-        }
-    } else if constexpr (K == Kind::P) {
-        // Structure-of-arrays planes, tested once for the call.
-        const chol::FastKernels<T>& k = chol::fast_kernels<T>();
-        const chol::SolveGroup<T, groups::Soa> g{groups::planes(a), groups::planes(b), groups::planes(d)};
-        n = groups::in_plane_groups(a, b, d, N, count, k.lanes, [&](int f) { k.of(g, N)(g, f); });
-    }
-    return n;
-}
 
 // Systems 0 .. count-1: with a factor each (mava), or one factor read once
 // for all of them.
@@ -139,7 +112,7 @@ OrsStatus backsubst_kernel(const A& a, const B& b, const D& d, int size, int cou
         if constexpr (N == 0) {
             for (int n = 0; n < count; ++n) solve_general<packed>(a, many ? n : 0, b, d, n, size);
         } else if constexpr (many) {
-            for (int n = fast_solves<K, N>(a, b, d, count); n < count; ++n) {
+            for (int n = fast_solves<K, N>(chol::fast_kernels<T>(), a, b, d, count); n < count; ++n) {
                 Factor<N, T> f;
                 f.load(a, n);
                 solve_fixed(f, b, d, n);
@@ -148,7 +121,11 @@ OrsStatus backsubst_kernel(const A& a, const B& b, const D& d, int size, int cou
             Factor<N, T> f;
             f.load(a, 0);
             int n = 0;
-            if constexpr (form == Form::mva && (N > 3 || K == Kind::P)) n = fast_solves<K, N>(a, b, d, count);
+            // (An S mva call from order 4 only: at order 3 the scalar path,
+            // its one factor in registers, is faster, 2.6 against 4.1 ns a
+            // vector in 64f.)
+            if constexpr (form == Form::mva && (N > 3 || K == Kind::P))
+                n = fast_solves<K, N>(chol::fast_kernels<T>(), a, b, d, count);
             for (; n < count; ++n) solve_fixed(f, b, d, n);
         }
     });

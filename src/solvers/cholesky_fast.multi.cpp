@@ -84,7 +84,7 @@ template <class T> constexpr FastKernels<T> make() {
     static_assert(vx::kLanes<T> % 4 == 0 || sizeof(T) == 8, "32f groups keep the four-at-a-time kernel's places");
     constexpr int S = kSolveLanes<T>, P = vx::kLanes<T>;
     return {vx::kLanes<T>,
-            S,
+            {S, S, S, S},
             {fn<T, 3, Kind::S, Strided>(), fn<T, 4, Kind::S, Strided>(), fn<T, 5, Kind::S, Strided>(),
              fn<T, 6, Kind::S, Strided>()},
             {fn<T, 3, Kind::L, Listed>(), fn<T, 4, Kind::L, Listed>(), fn<T, 5, Kind::L, Listed>(),

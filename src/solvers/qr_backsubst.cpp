@@ -14,6 +14,7 @@
 #include <climits>
 
 #include "solvers/qr.hpp"
+#include "solvers/systems.hpp"
 
 namespace orsm::solve {
 namespace {
@@ -24,33 +25,6 @@ using qr::solve_one;
 
 enum class Form { mv, mva, mava };
 
-// The systems of a contiguous S or L mava call, an S mva call from order 4
-// up (at order 3 the scalar path, its one factor held in registers, is
-// faster: 5.5 against 10.3 ns a vector in 64f), or a P mava or mva call over
-// structure-of-arrays planes (a vector load a plane), that the fast paths
-// (qr.hpp) solve from the first on, W at a time while whole groups remain
-// and their operands allow; the scalar path goes on from there.
-template <Kind K, int N, class A, class B, class D> int fast_solves(const A& a, const B& b, const D& d, int count) {
-    using T = Plain<typename D::value_type>;
-    int n = 0;
-    // (The one factor of the L mva form is an S operand: that form has no
-    // fast path.)
-    if constexpr (K == Kind::S || K == Kind::L) {
-        if constexpr (K == Kind::S || std::is_same_v<decltype(groups::objects(a)), groups::Listed<const T>>) {
-            using groups::objects;
-            const qr::FastKernels<T>& k = qr::fast_kernels<T>();
-            const groups::SystemsOf<T, K == Kind::L> g{objects(a), objects(b), objects(d)};
-            const int W = k.solve_lanes[N - 3];
-            for (const auto fn = k.of(g, N); n + W <= count && groups::apart(g, N, n, W); n += W) fn(g, n);
-        }
-    } else if constexpr (K == Kind::P) {
-        // Structure-of-arrays planes, tested once for the call.
-        const qr::FastKernels<T>& k = qr::fast_kernels<T>();
-        const groups::Systems<T, groups::Soa> g{groups::planes(a), groups::planes(b), groups::planes(d)};
-        n = groups::in_plane_groups(a, b, d, N, count, k.lanes, [&](int f) { k.of(g, N)(g, f); });
-    }
-    return n;
-}
 
 // Systems 0 .. count-1 on the order-N path (0: the general loop). mava
 // steps the factor with the system, mv and mva keep the one factor; a
@@ -75,8 +49,11 @@ void backsubst_kernel(const A& a, const B& b, const D& d, T* buf, int w, int h, 
         };
         int n = 0;
         if constexpr (!many) f.load(a, 0);
+        // (An S mva call from order 4 only: at order 3 the scalar path, its
+        // one factor in registers, is faster, 5.5 against 10.3 ns a vector
+        // in 64f.)
         if constexpr (F == Form::mava || (F == Form::mva && (N > 3 || K == Kind::P)))
-            n = fast_solves<K, N>(a, b, d, count);
+            n = fast_solves<K, N>(qr::fast_kernels<T>(), a, b, d, count);
         for (; n < count; ++n) {
             if (many) f.load(a, n);
             one(n);
