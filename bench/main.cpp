@@ -404,6 +404,15 @@ template <class T> struct Lib;
         static auto chol_solve_p() { return &orsmCholeskyBackSubst_mava_##t##_P; }                \
         static auto qr_p() { return &orsmQRDecomp_ma_##t##_P; }                                   \
         static auto qr_solve_p() { return &orsmQRBackSubst_mava_##t##_P; }                        \
+        static auto lu_one() { return &orsmLUDecomp_m_##t; }                                      \
+        static auto chol_one() { return &orsmCholeskyDecomp_m_##t; }                              \
+        static auto qr_one() { return &orsmQRDecomp_m_##t; }                                      \
+        static auto lu_mva() { return &orsmLUBackSubst_mva_##t; }                                 \
+        static auto chol_mva() { return &orsmCholeskyBackSubst_mva_##t; }                         \
+        static auto qr_mva() { return &orsmQRBackSubst_mva_##t; }                                 \
+        static auto lu_mva_p() { return &orsmLUBackSubst_mva_##t##_P; }                           \
+        static auto chol_mva_p() { return &orsmCholeskyBackSubst_mva_##t##_P; }                   \
+        static auto qr_mva_p() { return &orsmQRBackSubst_mva_##t##_P; }                           \
         static auto invert() { return &orsmInvert_ma_##t; }                                       \
         static auto chol() { return &orsmCholeskyDecomp_ma_##t; }                                 \
         static auto chol_solve() { return &orsmCholeskyBackSubst_mava_##t; }                      \
@@ -881,9 +890,74 @@ template <class T> void solver_case(Op op, int n, long count) {
     run_case(cs);
 }
 
+// One factor for all the vectors (the mva forms): matrix 0 factored once a
+// pass, then every vector solved, the vectors packed (orsm) or as
+// structure-of-arrays planes (orsm P soa, one thread; its solutions stay in
+// planes, which the tests hold to the packed rows' bits).
+template <class T> void solver_one_case(Op op, int n, long count) {
+    fill_systems<T>(n, count);
+    Case cs = new_case<T>(std::string(op_name(op)) + " 1 factor " + tname<T>() + " n" + std::to_string(n) + " N=" +
+                              count_name(count),
+                          count, 0, long(n) * count, 64.0 * n * eps<T>());
+    cs.bit_exact_peers = false;
+    cs.orsm_exact = false;
+    cs.reference = [=] {
+        std::vector<double> a(buf.a<T>(), buf.a<T>() + n * n), b(buf.b<T>(), buf.b<T>() + long(n) * count),
+            out(size_t(n) * count);
+        solvers::eigen_one(op, n, a.data(), b.data(), out.data(), count);
+        std::copy(out.begin(), out.end(), buf.r<T>());
+    };
+    const T* a = buf.a<T>();
+    const T* b = buf.b<T>();
+    T* c = buf.c<T>();
+    const int es = sizeof(T), rs = n * es, vs = n * es, ic = int(count);
+    auto f = std::make_shared<std::vector<T>>(size_t(n) * n);
+    auto idx = std::make_shared<std::vector<int>>(n);
+    auto scratch = std::make_shared<std::vector<T>>(size_t(2) * n);
+    // The factor's elements and the vectors as planes.
+    auto p = std::make_shared<Planes<T>>(n, count);
+    auto fe = std::make_shared<std::vector<const T*>>();
+    for (int e = 0; e < n * n; ++e) fe->push_back(f->data() + e);
+    auto factor = [=] {
+        if (op == Op::lu_solve) need_ok(Lib<T>::lu_one()(a, rs, es, idx->data(), f->data(), rs, es, n), "orsmLUDecomp_m");
+        if (op == Op::chol_solve) need_ok(Lib<T>::chol_one()(a, rs, es, f->data(), rs, es, n), "orsmCholeskyDecomp_m");
+        if (op == Op::qr_solve)
+            need_ok(Lib<T>::qr_one()(a, rs, es, scratch->data(), f->data(), rs, es, n, n), "orsmQRDecomp_m");
+    };
+    add_orsm_rows(cs, "orsm", true, [=] {
+        factor();
+        if (op == Op::lu_solve)
+            need_ok(Lib<T>::lu_mva()(f->data(), rs, es, idx->data(), b, vs, es, c, vs, es, n, ic), "orsmLUBackSubst_mva");
+        if (op == Op::chol_solve)
+            need_ok(Lib<T>::chol_mva()(f->data(), rs, es, b, vs, es, c, vs, es, n, ic), "orsmCholeskyBackSubst_mva");
+        if (op == Op::qr_solve)
+            need_ok(Lib<T>::qr_mva()(f->data(), rs, es, scratch->data(), b, vs, es, c, vs, es, n, n, ic),
+                    "orsmQRBackSubst_mva");
+    });
+    add_row(cs, "orsm P soa", true, [=] {
+        orscoreSetNumThreads(1);
+        factor();
+        const T* const* fp = fe->data();
+        if (op == Op::lu_solve)
+            need_ok(Lib<T>::lu_mva_p()(fp, 0, idx->data(), p->tb.data(), 0, es, p->tx.data(), 0, es, n, ic),
+                    "orsmLUBackSubst_mva_P");
+        if (op == Op::chol_solve)
+            need_ok(Lib<T>::chol_mva_p()(fp, 0, p->tb.data(), 0, es, p->tx.data(), 0, es, n, ic),
+                    "orsmCholeskyBackSubst_mva_P");
+        if (op == Op::qr_solve)
+            need_ok(Lib<T>::qr_mva_p()(fp, 0, scratch->data(), p->tb.data(), 0, es, p->tx.data(), 0, es, n, n, ic),
+                    "orsmQRBackSubst_mva_P");
+    });
+    cs.rows.back().other = "planes";
+    add_row(cs, "eigen", solvers::eigen_available(), [=] { solvers::eigen_one(op, n, a, b, c, count); });
+    run_case(cs);
+}
+
 template <class T> void solvers_for_type() {
     for (Op op : {Op::lu_solve, Op::chol_solve, Op::qr_solve, Op::inverse, Op::det, Op::eigvals})
         for (int n = 3; n <= 6; ++n) solver_case<T>(op, n, opt.small);
+    for (Op op : {Op::lu_solve, Op::chol_solve, Op::qr_solve})
+        for (int n = 3; n <= 6; ++n) solver_one_case<T>(op, n, opt.small);
 }
 
 // ---- threads: what a second thread gives above the limits ------------------------------------

@@ -64,9 +64,40 @@ template <Op op, class T> void eigen_by_order(int n, const T* a, const T* b, T* 
     }
 }
 
+template <Op op, int N, class T> void eigen_one_n(const T* a, const T* b, T* out, long count) {
+    using M = Eigen::Matrix<T, N, N, Eigen::RowMajor>;
+    using V = Eigen::Matrix<T, N, 1>;
+    const Eigen::Map<const M> A(a);
+    auto all = [&](const auto& f) {
+        for (long o = 0; o < count; ++o) Eigen::Map<V>(out + o * N) = f.solve(Eigen::Map<const V>(b + o * N));
+    };
+    if constexpr (op == Op::lu_solve) all(A.partialPivLu());
+    else if constexpr (op == Op::chol_solve) all(A.llt());
+    else if constexpr (op == Op::qr_solve) all(A.householderQr());
+}
+
+template <Op op, class T> void eigen_one_by_order(int n, const T* a, const T* b, T* out, long count) {
+    switch (n) {
+        case 3: return eigen_one_n<op, 3>(a, b, out, count);
+        case 4: return eigen_one_n<op, 4>(a, b, out, count);
+        case 5: return eigen_one_n<op, 5>(a, b, out, count);
+        case 6: return eigen_one_n<op, 6>(a, b, out, count);
+        default: return;
+    }
+}
+
 }  // namespace
 
 bool eigen_available() { return true; }
+
+template <class T> void eigen_one_run(Op op, int n, const T* a, const T* b, T* out, long count) {
+    switch (op) {
+        case Op::lu_solve: return eigen_one_by_order<Op::lu_solve>(n, a, b, out, count);
+        case Op::chol_solve: return eigen_one_by_order<Op::chol_solve>(n, a, b, out, count);
+        case Op::qr_solve: return eigen_one_by_order<Op::qr_solve>(n, a, b, out, count);
+        default: return;
+    }
+}
 
 template <class T> void eigen_run(Op op, int n, const T* a, const T* b, T* out, long count) {
     switch (op) {
@@ -81,7 +112,15 @@ template <class T> void eigen_run(Op op, int n, const T* a, const T* b, T* out, 
 #else
 bool eigen_available() { return false; }
 template <class T> void eigen_run(Op, int, const T*, const T*, T*, long) {}
+template <class T> void eigen_one_run(Op, int, const T*, const T*, T*, long) {}
 #endif
+
+void eigen_one(Op op, int n, const float* a, const float* b, float* out, long count) {
+    eigen_one_run(op, n, a, b, out, count);
+}
+void eigen_one(Op op, int n, const double* a, const double* b, double* out, long count) {
+    eigen_one_run(op, n, a, b, out, count);
+}
 
 void eigen(Op op, int n, const float* a, const float* b, float* out, long count) {
     eigen_run(op, n, a, b, out, count);

@@ -73,6 +73,10 @@ void eigen(Op op, int n, const float* a, const float* b, float* out, long count)
 void eigen(Op op, int n, const double* a, const double* b, double* out, long count);
 void lapack(Op op, int n, const float* a, const float* b, float* out, long count);
 void lapack(Op op, int n, const double* a, const double* b, double* out, long count);
+// The solves (lu_solve, chol_solve, qr_solve) with one factor for all:
+// matrix 0 factored once, each of the count vectors solved against it.
+void eigen_one(Op op, int n, const float* a, const float* b, float* out, long count);
+void eigen_one(Op op, int n, const double* a, const double* b, double* out, long count);
 }  // namespace solvers
 
 // Machine reference, built with -O3 -march=native.
