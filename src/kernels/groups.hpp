@@ -67,6 +67,17 @@ using SystemsOf = std::conditional_t<List, Systems<T, Listed>, Systems<T, Stride
 template <class T, bool C> Strided<T> objects(const SAcc<T, C>& a) { return {a.base, a.s0, a.s1}; }
 template <class T, bool C> Listed<T> objects(const LAcc<T, C>& a) { return {a.table, a.shift, a.s1}; }
 
+// Sorts k places ascending: an insertion sort, k being a group's or an
+// object's few (at most 64), inline where the frame tests them.
+inline void sort_places(const char** at, int k) {
+    for (int i = 1; i < k; ++i) {
+        const char* x = at[i];
+        int j = i;
+        for (; j > 0 && at[j - 1] > x; --j) at[j] = at[j - 1];
+        at[j] = x;
+    }
+}
+
 // A range of bytes.
 struct Bytes {
     const char* lo;
@@ -103,7 +114,7 @@ template <class T> bool apart_or_in_place(const Soa<const T>& s, const Soa<T>& d
         dh = e ? Bytes{std::min(dh.lo, y.lo), std::max(dh.hi, y.hi)} : y;
         at[e] = y.lo;
     }
-    std::sort(at, at + E);
+    sort_places(at, E);
     for (int e = 1; e < E; ++e)
         if (at[e] - at[e - 1] < count * ptrdiff_t(sizeof(T))) return false;
     if (same || !sh.meets(dh)) return true;
@@ -191,7 +202,7 @@ template <class T> bool in_place(const Listed<const T>& s, const Listed<T>& d, i
         if (s.obj(first + i) != d.obj(first + i)) return false;
         at[i] = reinterpret_cast<const char*>(d.obj(first + i));
     }
-    std::sort(at, at + k);
+    sort_places(at, k);
     const ptrdiff_t e = extent(s, rows, cols);
     for (int i = 1; i < k; ++i)
         if (at[i] - at[i - 1] < e) return false;
@@ -236,9 +247,9 @@ template <class T> bool objects_apart(const Listed<T>& o, int first, int k, int 
     };
     if (gaps_ok([&](int n) { return o.obj(first + n); })) return true;
     if (k > 64) return false;
-    T* at[64];
-    for (int n = 0; n < k; ++n) at[n] = o.obj(first + n);
-    std::sort(at, at + k);
+    const char* at[64];
+    for (int n = 0; n < k; ++n) at[n] = reinterpret_cast<const char*>(o.obj(first + n));
+    sort_places(at, k);
     return gaps_ok([&](int n) { return at[n]; });
 }
 
