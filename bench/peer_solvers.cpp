@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "peer_common.hpp"
@@ -54,14 +55,20 @@ template <Op op, int N, class T> void eigen_n(const T* a, const T* b, T* out, lo
     }
 }
 
-template <Op op, class T> void eigen_by_order(int n, const T* a, const T* b, T* out, long count) {
+// f(std::integral_constant<int, n>) for the orders 3 to 6 Eigen's fixed
+// sizes are compiled for.
+template <class F> void by_order(int n, F&& f) {
     switch (n) {
-        case 3: return eigen_n<op, 3>(a, b, out, count);
-        case 4: return eigen_n<op, 4>(a, b, out, count);
-        case 5: return eigen_n<op, 5>(a, b, out, count);
-        case 6: return eigen_n<op, 6>(a, b, out, count);
+        case 3: return f(std::integral_constant<int, 3>{});
+        case 4: return f(std::integral_constant<int, 4>{});
+        case 5: return f(std::integral_constant<int, 5>{});
+        case 6: return f(std::integral_constant<int, 6>{});
         default: return;
     }
+}
+
+template <Op op, class T> void eigen_by_order(int n, const T* a, const T* b, T* out, long count) {
+    by_order(n, [&](auto N) { eigen_n<op, N()>(a, b, out, count); });
 }
 
 template <Op op, int N, class T> void eigen_one_n(const T* a, const T* b, T* out, long count) {
@@ -77,13 +84,7 @@ template <Op op, int N, class T> void eigen_one_n(const T* a, const T* b, T* out
 }
 
 template <Op op, class T> void eigen_one_by_order(int n, const T* a, const T* b, T* out, long count) {
-    switch (n) {
-        case 3: return eigen_one_n<op, 3>(a, b, out, count);
-        case 4: return eigen_one_n<op, 4>(a, b, out, count);
-        case 5: return eigen_one_n<op, 5>(a, b, out, count);
-        case 6: return eigen_one_n<op, 6>(a, b, out, count);
-        default: return;
-    }
+    by_order(n, [&](auto N) { eigen_one_n<op, N()>(a, b, out, count); });
 }
 
 }  // namespace
